@@ -1,0 +1,175 @@
+#include "thread.h"
+
+#include <event2/event.h>
+
+#include <memory>
+#include <unordered_map>
+
+namespace {
+struct event_deleter {
+    void operator()(event *ev) const { event_free(ev); }
+};
+struct base_deleter {
+    void operator()(event_base *b) const { event_base_free(b); }
+};
+}  // namespace
+
+// A pending task: the public record plus the libevent event that triggers it.
+struct task_slot {
+    thread pub;
+    std::unique_ptr<event, event_deleter> ev;
+    bool running = false;
+    bool cancelled = false;
+};
+
+struct thread_master {
+    std::unique_ptr<event_base, base_deleter> base;
+    std::unordered_map<thread *, std::unique_ptr<task_slot>> tasks;
+    int ran = 0;
+};
+
+namespace {
+
+void finish(thread_master *m, thread *t) { m->tasks.erase(t); }
+
+void dispatch(evutil_socket_t, short, void *p) {
+    auto *slot = static_cast<task_slot *>(p);
+    thread_master *m = slot->pub.master;
+    slot->running = true;
+    ++m->ran;
+    slot->pub.func(&slot->pub);
+    finish(m, &slot->pub);
+}
+
+thread *add_task(thread_master *m, thread_kind kind, thread_func func, void *arg, int fd, int val,
+                 const char *name, const timeval *tv, short what) {
+    if (m == nullptr || func == nullptr) {
+        return nullptr;
+    }
+    auto slot = std::make_unique<task_slot>();
+    slot->pub = thread{kind, m, func, arg, fd, val, name};
+    evutil_socket_t efd = (kind == thread_kind::read || kind == thread_kind::write) ? fd : -1;
+    slot->ev.reset(event_new(m->base.get(), efd, what, dispatch, slot.get()));
+    if (!slot->ev) {
+        return nullptr;
+    }
+    if (kind == thread_kind::event) {
+        event_active(slot->ev.get(), EV_TIMEOUT, 0);
+    } else if (event_add(slot->ev.get(), tv) != 0) {
+        return nullptr;
+    }
+    thread *t = &slot->pub;
+    m->tasks.emplace(t, std::move(slot));
+    return t;
+}
+
+timeval ms_to_tv(long msec) {
+    if (msec < 0) {
+        msec = 0;
+    }
+    timeval tv{};
+    tv.tv_sec = msec / 1000;
+    tv.tv_usec = static_cast<suseconds_t>((msec % 1000) * 1000);
+    return tv;
+}
+
+}  // namespace
+
+thread_master *thread_master_create() {
+    auto m = std::make_unique<thread_master>();
+    m->base.reset(event_base_new());
+    if (!m->base) {
+        return nullptr;
+    }
+    return m.release();
+}
+
+void thread_master_free(thread_master *m) {
+    std::unique_ptr<thread_master> owned(m);
+    if (owned) {
+        owned->tasks.clear();  // events go before their base
+    }
+}
+
+thread *funcname_thread_add_read(thread_master *m, thread_func func, void *arg, int fd,
+                                 const char *funcname) {
+    if (fd < 0) {
+        return nullptr;
+    }
+    return add_task(m, thread_kind::read, func, arg, fd, 0, funcname, nullptr, EV_READ);
+}
+
+thread *funcname_thread_add_write(thread_master *m, thread_func func, void *arg, int fd,
+                                  const char *funcname) {
+    if (fd < 0) {
+        return nullptr;
+    }
+    return add_task(m, thread_kind::write, func, arg, fd, 0, funcname, nullptr, EV_WRITE);
+}
+
+thread *funcname_thread_add_timer_msec(thread_master *m, thread_func func, void *arg, long msec,
+                                       const char *funcname) {
+    timeval tv = ms_to_tv(msec);
+    return add_task(m, thread_kind::timer, func, arg, -1, 0, funcname, &tv, 0);
+}
+
+thread *funcname_thread_add_timer(thread_master *m, thread_func func, void *arg, long seconds,
+                                  const char *funcname) {
+    return funcname_thread_add_timer_msec(m, func, arg, seconds * 1000, funcname);
+}
+
+thread *funcname_thread_add_event(thread_master *m, thread_func func, void *arg, int val,
+                                  const char *funcname) {
+    return add_task(m, thread_kind::event, func, arg, -1, val, funcname, nullptr, 0);
+}
+
+void thread_cancel(thread *t) {
+    if (t == nullptr) {
+        return;
+    }
+    thread_master *m = t->master;
+    auto it = m->tasks.find(t);
+    if (it == m->tasks.end() || it->second->running) {
+        return;
+    }
+    m->tasks.erase(it);
+}
+
+std::size_t thread_count(const thread_master *m) { return m ? m->tasks.size() : 0; }
+
+void thread_main(thread_master *m) {
+    if (m != nullptr) {
+        event_base_dispatch(m->base.get());
+    }
+}
+
+int thread_run_once(thread_master *m, int timeout_ms) {
+    if (m == nullptr) {
+        return 0;
+    }
+    m->ran = 0;
+    if (timeout_ms < 0) {
+        event_base_loop(m->base.get(), EVLOOP_ONCE);
+    } else if (timeout_ms == 0) {
+        event_base_loop(m->base.get(), EVLOOP_NONBLOCK);
+    } else {
+        // Bound the wait with a private timer so an idle master still returns;
+        // it is freed here, so nothing of it outlives this call.
+        timeval tv = ms_to_tv(timeout_ms);
+        std::unique_ptr<event, event_deleter> bound(
+            event_new(m->base.get(), -1, 0, [](evutil_socket_t, short, void *) {}, nullptr));
+        if (bound) {
+            event_add(bound.get(), &tv);
+        }
+        event_base_loop(m->base.get(), EVLOOP_ONCE);
+    }
+    return m->ran;
+}
+
+void thread_break(thread_master *m) {
+    if (m != nullptr) {
+        event_base_loopbreak(m->base.get());
+    }
+}
+
+event_base *thread_master_event_base(thread_master *m) { return m ? m->base.get() : nullptr; }

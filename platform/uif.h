@@ -1,0 +1,49 @@
+// Switch ports and VLANs on Linux.
+//
+// A VLAN's routed interface `vlanifN` is a Linux bridge (or a plain netdev)
+// of that name; the switch ports are the netdevs enslaved to such bridges,
+// numbered by the decimal number that ends their name (swp3 -> port 3).
+// A port's `uif` index carries a non-zero top byte: UIF_INDEX_BASE | number,
+// so it never collides with a kernel interface index.
+// The tables are read from sysfs at start-up and refreshed on demand (a name
+// or index not found triggers one re-read), so ports added later are seen.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+struct interface;
+
+constexpr std::uint32_t UIF_INDEX_BASE = 0x01000000;
+
+struct uif {
+    std::string name;
+    std::uint32_t index = 0;   // UIF_INDEX_BASE | number
+    std::uint32_t number = 0;  // the port number from the name
+    int kernel_ifindex = 0;
+    std::uint16_t vid = 0;     // VLAN of the bridge the port belongs to
+    std::uint8_t mac[6] = {};
+};
+
+struct uvlan {
+    std::uint16_t vid = 0;
+    std::string name;  // "vlanifN"
+    int kernel_ifindex = 0;
+};
+
+void uif_init();
+void uvlan_init();
+// Re-reads ports and VLANs from the system.
+void uif_refresh();
+
+const uif *uif_lookup_by_name(const char *name);
+const uif *uif_lookup_by_index(std::uint32_t index);
+const uif *uif_lookup_by_number(std::uint32_t number);
+const uvlan *uvlan_lookup(std::uint16_t vid);
+// The port's MAC address; 0, or -1 when the port is unknown.
+int uif_get_portmac(std::uint32_t index, std::uint8_t mac[6]);
+// N for an interface named vlanifN (1..4094), 0 for any other interface.
+std::uint16_t if_get_vid(const interface *ifp);
+std::uint16_t vid_from_name(const char *name);
+// Sysfs root, changeable by tests.
+void uif_set_sysfs_root(const std::string &root);

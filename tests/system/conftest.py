@@ -1,0 +1,177 @@
+"""Shared fixtures for system tests.
+
+Every daemon runs in a network namespace of its own and a private mount
+namespace with tmpfs on /var/run and /mnt, so tests run side by side and never
+touch the host. Tests reach the daemon's files through /proc/PID/root and run
+the shell inside its namespaces with nsenter.
+"""
+import os
+import pathlib
+import signal
+import socket
+import subprocess
+import time
+import uuid
+
+import pytest
+
+REPO = pathlib.Path(__file__).resolve().parents[2]
+BUILD = pathlib.Path(os.environ.get("DHCPD_BUILD_DIR", REPO / "build"))
+DHCPD = BUILD / "dhcp" / "dhcpd"
+DHCPSH = BUILD / "tools" / "dhcpsh" / "dhcpsh"
+
+
+def run(cmd, check=True, **kw):
+    return subprocess.run(cmd, check=check, capture_output=True, text=True, **kw)
+
+
+def wait_until(pred, timeout=10.0, step=0.05, what="condition"):
+    end = time.monotonic() + timeout
+    while time.monotonic() < end:
+        if pred():
+            return
+        time.sleep(step)
+    raise AssertionError(f"timed out waiting for {what}")
+
+
+class Netns:
+    """A network namespace with loopback up."""
+
+    def __init__(self, name=None):
+        self.name = name or f"dt{uuid.uuid4().hex[:10]}"
+        run(["ip", "netns", "add", self.name])
+        self.ip("link", "set", "lo", "up")
+
+    def ip(self, *args, check=True):
+        return run(["ip", "-n", self.name, *args], check=check)
+
+    def exec(self, *cmd, check=True, **kw):
+        return run(["ip", "netns", "exec", self.name, *cmd], check=check, **kw)
+
+    def delete(self):
+        run(["ip", "netns", "del", self.name], check=False)
+
+
+# The daemon's private mounts, then the daemon itself (exec keeps the pid).
+_MOUNTS = ("mount -t tmpfs tmpfs /var/run && mount -t tmpfs tmpfs /mnt && "
+           "mkdir -p /var/run/netns && ")
+
+
+class Daemon:
+    """One dhcpd in its own namespaces; stdout/stderr go to a log file."""
+
+    def __init__(self, ns, logdir, args=(), prelude=""):
+        self.ns = ns
+        self.log_path = pathlib.Path(logdir) / f"dhcpd-{ns.name}.log"
+        self.log_file = open(self.log_path, "w")
+        script = _MOUNTS + prelude + f'exec {DHCPD} {" ".join(args)}'
+        self.proc = subprocess.Popen(
+            ["ip", "netns", "exec", ns.name, "unshare", "--mount", "--propagation", "private",
+             "sh", "-c", script],
+            stdout=self.log_file, stderr=subprocess.STDOUT)
+        self.pid = self.proc.pid
+
+    @property
+    def root(self):
+        return pathlib.Path(f"/proc/{self.pid}/root")
+
+    def path(self, p):
+        return self.root / p.lstrip("/")
+
+    def wait_ready(self, timeout=10.0):
+        wait_until(lambda: self.proc.poll() is not None or self.path("/var/run/dhcp.vty").exists(),
+                   timeout, what="vty socket")
+        assert self.proc.poll() is None, f"dhcpd exited early:\n{self.log()}"
+        wait_until(lambda: "starting" in self.log(), timeout, what="start notice")
+        return self
+
+    def log(self):
+        self.log_file.flush()
+        return self.log_path.read_text(errors="replace")
+
+    def wait_log(self, text, timeout=10.0):
+        wait_until(lambda: text in self.log(), timeout, what=repr(text))
+
+    def sh(self, *commands, check=False, timeout=30):
+        """Runs dhcpsh -c for each command inside the daemon's namespaces."""
+        argv = ["nsenter", "-t", str(self.pid), "-m", "-n", str(DHCPSH)]
+        for c in commands:
+            argv += ["-c", c]
+        return run(argv, check=check, timeout=timeout)
+
+    def shell(self, *args, check=False, timeout=30, input=None):
+        argv = ["nsenter", "-t", str(self.pid), "-m", "-n", str(DHCPSH), *args]
+        return run(argv, check=check, timeout=timeout, input=input)
+
+    def connect_vty(self):
+        s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        s.settimeout(5)
+        s.connect(str(self.path("/var/run/dhcp.vty")))
+        return s
+
+    def signal(self, sig):
+        os.kill(self.pid, sig)
+
+    def stop(self):
+        if self.proc.poll() is None:
+            self.proc.send_signal(signal.SIGTERM)
+            try:
+                self.proc.wait(5)
+            except subprocess.TimeoutExpired:
+                self.proc.kill()
+                self.proc.wait()
+        self.log_file.close()
+
+
+def vty_request(sock, line, kind=b"X"):
+    """One request of the shell protocol; returns (text, code, prompt)."""
+    sock.sendall(kind + line.encode() + b"\0")
+    return vty_read_reply(sock)
+
+
+def vty_read_reply(sock):
+    """Reads one reply: text NUL code prompt NUL."""
+    buf = b""
+    while True:
+        first = buf.find(b"\0")
+        if first >= 0 and len(buf) >= first + 2:
+            end = buf.find(b"\0", first + 2)
+            if end >= 0:
+                return buf[:first].decode(errors="replace"), buf[first + 1], \
+                    buf[first + 2:end].decode(errors="replace")
+        chunk = sock.recv(65536)
+        if not chunk:
+            raise ConnectionError("vty closed")
+        buf += chunk
+
+
+@pytest.fixture
+def netns():
+    ns = Netns()
+    yield ns
+    ns.delete()
+
+
+@pytest.fixture
+def daemon(netns, tmp_path):
+    """A running dhcpd in the foreground."""
+    d = Daemon(netns, tmp_path).wait_ready()
+    yield d
+    d.stop()
+
+
+@pytest.fixture
+def make_daemon(tmp_path):
+    """Factory for daemons with extra arguments or set-up; all stopped at the end."""
+    made = []
+
+    def factory(args=(), prelude="", ns=None, ready=True):
+        ns = ns or Netns()
+        d = Daemon(ns, tmp_path, args, prelude)
+        made.append((d, ns))
+        return d.wait_ready() if ready else d
+
+    yield factory
+    for d, ns in made:
+        d.stop()
+        ns.delete()

@@ -1,0 +1,159 @@
+// The scheduler: timer order, cancel, one-shot reads and re-arming, events,
+// and signals handled inside the loop.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "lib/sigevent.h"
+#include "lib/thread.h"
+
+namespace {
+
+struct Loop : ::testing::Test {
+    thread_master *m = thread_master_create();
+    ~Loop() override { thread_master_free(m); }
+    void run_for(int ms) {
+        for (int waited = 0; waited < ms; waited += 5) {
+            thread_run_once(m, 5);
+        }
+    }
+};
+
+std::vector<std::string> fired;
+
+int record(thread *t) {
+    fired.emplace_back(static_cast<const char *>(THREAD_ARG(t)));
+    return 0;
+}
+
+TEST_F(Loop, TimersFireInExpiryOrderNotInsertionOrder) {
+    fired.clear();
+    thread_add_timer_msec(m, record, const_cast<char *>("30"), 30);
+    thread_add_timer_msec(m, record, const_cast<char *>("10"), 10);
+    thread_add_timer_msec(m, record, const_cast<char *>("20"), 20);
+    EXPECT_EQ(thread_count(m), 3u);
+    run_for(100);
+    EXPECT_EQ(fired, (std::vector<std::string>{"10", "20", "30"}));
+    EXPECT_EQ(thread_count(m), 0u);
+}
+
+TEST_F(Loop, CancelledTimerNeverFires) {
+    fired.clear();
+    thread *t = thread_add_timer_msec(m, record, const_cast<char *>("x"), 5);
+    thread_add_timer_msec(m, record, const_cast<char *>("y"), 10);
+    thread_cancel(t);
+    thread_cancel(nullptr);  // ignored
+    run_for(50);
+    EXPECT_EQ(fired, (std::vector<std::string>{"y"}));
+}
+
+TEST_F(Loop, TimerTaskNameIsTheFunctionName) {
+    thread *t = thread_add_timer(m, record, nullptr, 60);
+    ASSERT_NE(t, nullptr);
+    EXPECT_STREQ(t->funcname, "record");
+    thread_cancel(t);
+}
+
+int reads = 0;
+int rearm = 0;
+thread_master *read_master = nullptr;
+
+int on_read(thread *t) {
+    char c;
+    ++reads;
+    if (read(THREAD_FD(t), &c, 1) != 1) {
+        return -1;
+    }
+    if (rearm-- > 0) {
+        thread_add_read(read_master, on_read, nullptr, THREAD_FD(t));
+    }
+    return 0;
+}
+
+TEST_F(Loop, ReadTaskFiresOnceUnlessItsCallbackRearms) {
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    read_master = m;
+    reads = 0;
+    rearm = 0;
+    ASSERT_EQ(write(p[1], "ab", 2), 2);
+    thread_add_read(m, on_read, nullptr, p[0]);
+    run_for(30);
+    EXPECT_EQ(reads, 1);  // one byte still waits, but nobody asked again
+    rearm = 1;
+    thread_add_read(m, on_read, nullptr, p[0]);
+    ASSERT_EQ(write(p[1], "c", 1), 1);
+    run_for(30);
+    EXPECT_EQ(reads, 3);
+    EXPECT_EQ(thread_count(m), 0u);
+    close(p[0]);
+    close(p[1]);
+}
+
+TEST_F(Loop, ReadOnInvalidDescriptorIsRefused) {
+    EXPECT_EQ(thread_add_read(m, on_read, nullptr, -1), nullptr);
+}
+
+int event_val = 0;
+int on_event(thread *t) {
+    event_val = THREAD_VAL(t);
+    return 0;
+}
+
+TEST_F(Loop, EventRunsOnNextTurnWithItsValue) {
+    event_val = 0;
+    thread_add_event(m, on_event, nullptr, 42);
+    EXPECT_EQ(event_val, 0);
+    EXPECT_EQ(thread_run_once(m, 0), 1);
+    EXPECT_EQ(event_val, 42);
+}
+
+thread *self_task = nullptr;
+int cancel_self(thread *t) {
+    thread_cancel(t);  // no effect on a running task
+    self_task = t;
+    return 0;
+}
+
+TEST_F(Loop, CancellingTheRunningTaskIsHarmless) {
+    thread_add_event(m, cancel_self, nullptr, 0);
+    thread_run_once(m, 0);
+    EXPECT_NE(self_task, nullptr);
+    EXPECT_EQ(thread_count(m), 0u);
+}
+
+int on_break(thread *t) {
+    thread_break(t->master);
+    return 0;
+}
+
+TEST_F(Loop, ThreadMainReturnsAfterBreak) {
+    thread_add_timer_msec(m, on_break, nullptr, 5);
+    thread *later = thread_add_timer(m, record, nullptr, 3600);
+    thread_main(m);
+    EXPECT_EQ(thread_count(m), 1u);
+    thread_cancel(later);
+}
+
+volatile sig_atomic_t in_handler_context = 0;
+int handled = 0;
+void usr2_handler() { ++handled; }
+
+TEST_F(Loop, SignalHandlersRunInsideTheLoop) {
+    handled = 0;
+    static quagga_signal_t sigs[] = {{SIGUSR2, usr2_handler, 0}};
+    signal_init(m, 1, sigs);
+    raise(SIGUSR2);
+    EXPECT_EQ(handled, 0);  // only marked so far
+    for (int i = 0; i < 20 && handled == 0; ++i) {
+        thread_run_once(m, 10);
+    }
+    EXPECT_EQ(handled, 1);
+    raise(SIGPIPE);  // ignored process-wide
+    SUCCEED();
+}
+
+}  // namespace

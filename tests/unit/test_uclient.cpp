@@ -1,0 +1,121 @@
+// Management-bus client: framing, dispatch, PING, malformed messages and the
+// bus retry slot.
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "platform/uclient.h"
+
+namespace {
+
+std::vector<std::uint8_t> frame(std::uint16_t type, const std::string &payload) {
+    auto n = static_cast<std::uint32_t>(payload.size());
+    std::vector<std::uint8_t> f;
+    f.reserve(8 + payload.size());
+    const std::uint32_t t = type;
+    for (std::uint32_t v : {0x55u, 0x42u, t >> 8, t & 0xffu, n >> 24, n >> 16, n >> 8, n}) {
+        f.push_back(static_cast<std::uint8_t>(v));
+    }
+    for (char ch : payload) {
+        f.push_back(static_cast<std::uint8_t>(ch));
+    }
+    return f;
+}
+
+std::vector<std::pair<int, std::string>> seen;
+int record(void *arg) {
+    auto *m = static_cast<uclient_msg *>(arg);
+    seen.emplace_back(m->type, std::string(m->payload.begin(), m->payload.end()));
+    return uclient_new_if(arg);
+}
+
+struct Bus : ::testing::Test {
+    int sv[2] = {-1, -1};
+    uclient c;
+    Bus() {
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+        c.callback = record;
+        seen.clear();
+    }
+    ~Bus() override {
+        close(sv[0]);
+        close(sv[1]);
+    }
+    void send_bytes(const std::vector<std::uint8_t> &b) {
+        ASSERT_EQ(write(sv[1], b.data(), b.size()), static_cast<ssize_t>(b.size()));
+    }
+};
+
+TEST_F(Bus, WholeMessagesAreDispatchedAndPartialOnesWait) {
+    auto a = frame(UCLIENT_MSG_HELLO, "peer");
+    auto b = frame(UCLIENT_MSG_IF_NOTICE, "swp1");
+    std::vector<std::uint8_t> both(a);
+    both.insert(both.end(), b.begin(), b.begin() + 5);  // b cut short
+    send_bytes(both);
+    EXPECT_EQ(uclient_handle_async(&c, sv[0]), 0);
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0], std::make_pair(1, std::string("peer")));
+    send_bytes({b.begin() + 5, b.end()});
+    EXPECT_EQ(uclient_handle_async(&c, sv[0]), 0);
+    ASSERT_EQ(seen.size(), 2u);
+    EXPECT_EQ(seen[1], std::make_pair(2, std::string("swp1")));
+}
+
+TEST_F(Bus, PingIsAnsweredWithPong) {
+    send_bytes(frame(UCLIENT_MSG_PING, "abc"));
+    EXPECT_EQ(uclient_handle_async(&c, sv[0]), 0);
+    std::uint8_t reply[64];
+    ssize_t n = read(sv[1], reply, sizeof reply);
+    auto want = frame(UCLIENT_MSG_PONG, "abc");
+    ASSERT_EQ(n, static_cast<ssize_t>(want.size()));
+    EXPECT_EQ(std::vector<std::uint8_t>(reply, reply + n), want);
+}
+
+TEST_F(Bus, BadMagicOverlongPayloadAndBadNoticeEndThePeer) {
+    send_bytes({0, 0, 0, 1, 0, 0, 0, 0});
+    EXPECT_LT(uclient_handle_async(&c, sv[0]), 0);
+    EXPECT_TRUE(seen.empty());
+}
+
+TEST_F(Bus, OverlongPayloadEndsThePeer) {
+    send_bytes({0x55, 0x42, 0, 3, 0x00, 0x01, 0x00, 0x01});  // 65537 bytes announced
+    EXPECT_LT(uclient_handle_async(&c, sv[0]), 0);
+}
+
+TEST_F(Bus, InterfaceNoticeWithBadNameEndsThePeer) {
+    send_bytes(frame(UCLIENT_MSG_IF_NOTICE, std::string(21, 'x')));
+    EXPECT_LT(uclient_handle_async(&c, sv[0]), 0);
+}
+
+TEST_F(Bus, UnknownTypesAreIgnored) {
+    send_bytes(frame(99, "future"));
+    EXPECT_EQ(uclient_handle_async(&c, sv[0]), 0);
+    EXPECT_EQ(seen.size(), 1u);
+}
+
+TEST_F(Bus, PeerThatHangsUpIsFinished) {
+    close(sv[1]);
+    sv[1] = -1;
+    EXPECT_LT(uclient_handle_async(&c, sv[0]), 0);
+}
+
+TEST(BusClient, MissingBusIsNotFatalAndListenerConflictIs) {
+    // Ports on loopback nobody uses in the test environment.
+    uclient *a = uclient_connect(0x7f000001, 1, 0);
+    ASSERT_NE(a, nullptr);
+    EXPECT_FALSE(a->connected);  // retry timer in the connection slot
+    EXPECT_GE(a->sock, 0);
+    sockaddr_in sa{};
+    socklen_t len = sizeof sa;
+    ASSERT_EQ(getsockname(a->serv_sock, reinterpret_cast<sockaddr *>(&sa), &len), 0);
+    uclient *b = uclient_connect(0x7f000001, 1, ntohs(sa.sin_port));
+    EXPECT_EQ(b, nullptr);  // the listening port is taken
+    uclient_free(a);
+}
+
+}  // namespace
