@@ -12,6 +12,10 @@
 #include <cstring>
 
 #include "dhcp/dhcp_debug.h"
+#include "dhcp/dhcp_zebra.h"
+#include "dhcp/dhcps_vty.h"
+#include "dhcp/dhcps.h"
+#include "dhcp/dhcps_leases.h"
 #include "lib/command.h"
 #include "lib/if.h"
 #include "lib/log.h"
@@ -111,11 +115,14 @@ int main(int argc, char **argv) {
     vty_init(master);
     memory_init();
     vrf_init();
+    dhcp_zebra_init(master);
     uif_init();
     uvlan_init();
     if_add_hook(IF_NEW_HOOK, dhcp_if_new_hook);
     if_add_hook(IF_DELETE_HOOK, dhcp_if_delete_hook);
+    dhcps_init(master);
     dhcp_debug_init();
+    dhcps_vty_init();
 
     if (daemon_mode) {
         if (daemon(0, 0) < 0) {
@@ -138,6 +145,7 @@ int main(int argc, char **argv) {
     dhcp_uclient->callback = dhcp_uclient_callback;
     thread_add_read(master, dhcp_uclient_read, dhcp_uclient, dhcp_uclient->sock);
     thread_add_read(master, dhcp_uclient_serv, dhcp_uclient, dhcp_uclient->serv_sock);
+    dhcps_write_timer_start(master);
 
     host_init(0x48000, 0);
     zlog_notice("DHCP %s starting", DHCPD_VERSION);

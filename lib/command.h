@@ -56,8 +56,8 @@ struct cmd_node {
     int node;
     const char *prompt;  // printf format with the host name; "" means the library's default
     int vtysh;           // shown by the shell front end
-    int (*func)(vty *) = nullptr;                   // configuration writer, or none
-    const char *(*prompt_arg)(vty *) = nullptr;     // text for a second %s in the prompt
+    int (*func)(vty *) = nullptr;                // configuration writer, or none
+    const char *(*prompt_arg)(vty *) = nullptr;  // text for a second %s in the prompt
 };
 
 using cmd_handler = int (*)(struct cmd_element *, vty *, int, const char *[]);
@@ -68,11 +68,11 @@ struct cmd_element {
     const char *doc;  // help: one line per word, each ended by "\n"
 };
 
-#define DEFUN(funcname, cmdname, cmdstr, helpstr)                                          \
-    static int funcname(struct cmd_element *, struct vty *, int, const char *[]);          \
-    struct cmd_element cmdname = {cmdstr, funcname, helpstr};                              \
-    static int funcname([[maybe_unused]] struct cmd_element *self,                         \
-                        [[maybe_unused]] struct vty *vty, [[maybe_unused]] int argc,       \
+#define DEFUN(funcname, cmdname, cmdstr, helpstr)                                    \
+    static int funcname(struct cmd_element *, struct vty *, int, const char *[]);    \
+    struct cmd_element cmdname = {cmdstr, funcname, helpstr};                        \
+    static int funcname([[maybe_unused]] struct cmd_element *self,                   \
+                        [[maybe_unused]] struct vty *vty, [[maybe_unused]] int argc, \
                         [[maybe_unused]] const char *argv[])
 
 #define ALIAS(funcname, cmdname, cmdstr, helpstr) \

@@ -177,7 +177,8 @@ void apply_mask(prefix *p) {
         if (bits >= 8) {
             continue;
         }
-        p->u.val[i] = bits <= 0 ? 0 : static_cast<std::uint8_t>(p->u.val[i] & (0xff << (8 - bits)));
+        int keep = bits <= 0 ? 0 : (0xff << (8 - bits)) & 0xff;
+        p->u.val[i] = static_cast<std::uint8_t>(p->u.val[i] & keep);
     }
 }
 

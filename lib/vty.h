@@ -47,8 +47,11 @@ std::unique_ptr<vty> vty_new(vty_type type = VTY_SHELL_SERV);
 void vty_init(thread_master *master);
 // Serves sessions on the UNIX socket `path` (addr and port are unused).
 // Returns 0, or -1 after logging why the socket could not be set up.
+// At most 64 sessions at once; a session whose unsent output passes 16 MiB
+// is dropped.
 int vty_serv_sock(const char *addr, unsigned short port, const char *path);
-// Closes the listening socket and every session.
+// Closes the listening socket (removing its path) and every session; call it
+// before the master is freed.
 void vty_terminate();
 // Number of open server sessions.
 std::size_t vty_session_count();

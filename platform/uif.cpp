@@ -154,6 +154,13 @@ const uif *uif_lookup_by_number(std::uint32_t number) {
     return find_port([number](const uif &p) { return p.number == number; });
 }
 
+const uif *uif_lookup_by_kernel_ifindex(int ifindex) {
+    if (ifindex <= 0) {
+        return nullptr;
+    }
+    return find_port([ifindex](const uif &p) { return p.kernel_ifindex == ifindex; });
+}
+
 const uvlan *uvlan_lookup(std::uint16_t vid) {
     auto it = T().vlans.find(vid);
     if (it == T().vlans.end()) {

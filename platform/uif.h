@@ -39,6 +39,8 @@ void uif_refresh();
 const uif *uif_lookup_by_name(const char *name);
 const uif *uif_lookup_by_index(std::uint32_t index);
 const uif *uif_lookup_by_number(std::uint32_t number);
+// The port whose kernel netdev has this index (as netlink reports it).
+const uif *uif_lookup_by_kernel_ifindex(int ifindex);
 const uvlan *uvlan_lookup(std::uint16_t vid);
 // The port's MAC address; 0, or -1 when the port is unknown.
 int uif_get_portmac(std::uint32_t index, std::uint8_t mac[6]);

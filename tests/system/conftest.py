@@ -76,6 +76,11 @@ class Daemon:
         return pathlib.Path(f"/proc/{self.pid}/root")
 
     def path(self, p):
+        # /var/run is an absolute symlink to /run on this system; through
+        # /proc/PID/root it would resolve against our own root, so resolve
+        # it ourselves.
+        if p.startswith("/var/run/") and os.path.islink("/var/run"):
+            p = os.path.join(os.path.realpath("/var/run"), p[len("/var/run/"):])
         return self.root / p.lstrip("/")
 
     def wait_ready(self, timeout=10.0):
@@ -145,6 +150,45 @@ def vty_read_reply(sock):
         buf += chunk
 
 
+class Switch:
+    """A simulated switch: VLAN bridges vlanifN in the switch namespace and
+    ports swpN, each a veth whose far end (eth0) sits in a host namespace."""
+
+    def __init__(self):
+        self.ns = Netns()
+        self.hosts = {}
+
+    def vlan(self, vid, address=None):
+        self.ns.ip("link", "add", f"vlanif{vid}", "type", "bridge")
+        if address:
+            self.ns.ip("addr", "add", address, "dev", f"vlanif{vid}")
+        self.ns.ip("link", "set", f"vlanif{vid}", "up")
+
+    def port(self, number, vid, mac=None):
+        """Adds port swp<number> to vlanif<vid>; returns the host namespace."""
+        host = Netns()
+        run(["ip", "link", "add", f"swp{number}", "netns", self.ns.name, "type", "veth",
+             "peer", "name", "eth0", "netns", host.name])
+        if mac:
+            host.ip("link", "set", "eth0", "address", mac)
+        self.ns.ip("link", "set", f"swp{number}", "master", f"vlanif{vid}", "up")
+        host.ip("link", "set", "eth0", "up")
+        self.hosts[number] = host
+        return host
+
+    def delete(self):
+        for h in self.hosts.values():
+            h.delete()
+        self.ns.delete()
+
+
+@pytest.fixture
+def switch():
+    sw = Switch()
+    yield sw
+    sw.delete()
+
+
 @pytest.fixture
 def netns():
     ns = Netns()
@@ -155,9 +199,12 @@ def netns():
 @pytest.fixture
 def daemon(netns, tmp_path):
     """A running dhcpd in the foreground."""
-    d = Daemon(netns, tmp_path).wait_ready()
-    yield d
-    d.stop()
+    d = Daemon(netns, tmp_path)
+    try:
+        d.wait_ready()
+        yield d
+    finally:
+        d.stop()
 
 
 @pytest.fixture
@@ -169,7 +216,7 @@ def make_daemon(tmp_path):
         ns = ns or Netns()
         d = Daemon(ns, tmp_path, args, prelude)
         made.append((d, ns))
-        return d.wait_ready() if ready else d
+        return d.wait_ready() if ready else d  # a failed start is stopped below
 
     yield factory
     for d, ns in made:

@@ -38,18 +38,23 @@ def test_daemon_mode_detaches_and_writes_child_pid(make_daemon):
 
     def pid_written():
         nonlocal pidfile_root
-        out = run(["pgrep", "-x", "dhcpd", "-n"], check=False).stdout.split()
+        out = run(["pgrep", "-x", "dhcpd"], check=False).stdout.split()
+        run_dir = os.path.realpath("/var/run")  # /var/run -> /run here
         for pid in out:
-            p = f"/proc/{pid}/root/var/run/dhcp.pid"
+            p = f"/proc/{pid}/root{run_dir}/dhcp.pid"
             if os.path.exists(p) and open(p).read().strip() == pid:
                 pidfile_root = pid
                 return True
         return False
 
-    wait_until(pid_written, what="daemonised pid file")
-    child = int(pidfile_root)
-    assert child != d.pid
-    os.kill(child, signal.SIGTERM)
+    try:
+        wait_until(pid_written, what="daemonised pid file")
+        child = int(pidfile_root)
+        assert child != d.pid
+    finally:
+        # The detached daemon is nobody's child: end it ourselves.
+        for pid in run(["ip", "netns", "pids", d.ns.name], check=False).stdout.split():
+            os.kill(int(pid), signal.SIGTERM)
     wait_until(lambda: not os.path.exists(f"/proc/{child}"), what="daemon exit")
 
 

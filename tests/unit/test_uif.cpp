@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -95,5 +96,40 @@ INSTANTIATE_TEST_SUITE_P(Table, Vid,
                                            VidCase{"swp1", 0}));
 
 TEST(VidNull, NoInterfaceNoVlan) { EXPECT_EQ(if_get_vid(nullptr), 0); }
+
+}  // namespace
+
+#include "platform/clock.h"
+#include "platform/vemix.h"
+
+namespace {
+
+struct MacCase {
+    const char *text;
+    int rc;
+    std::uint8_t mac[6];
+};
+class Str2Mac : public ::testing::TestWithParam<MacCase> {};
+TEST_P(Str2Mac, ParsesOrRefuses) {
+    std::uint8_t mac[6] = {9, 9, 9, 9, 9, 9};
+    EXPECT_EQ(vemix_str2mac(GetParam().text, mac), GetParam().rc) << GetParam().text;
+    static constexpr std::uint8_t untouched[6] = {9, 9, 9, 9, 9, 9};
+    const std::uint8_t *want = GetParam().rc == 0 ? GetParam().mac : untouched;
+    EXPECT_EQ(std::memcmp(mac, want, 6), 0);
+}
+INSTANTIATE_TEST_SUITE_P(
+    Table, Str2Mac,
+    ::testing::Values(MacCase{"00-11-22-aa-BB-cc", 0, {0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc}},
+                      MacCase{"ff-ff-ff-ff-ff-ff", 0, {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}},
+                      MacCase{"00:11:22:33:44:55", -1, {}}, MacCase{"00-11-22-33-44", -1, {}},
+                      MacCase{"00-11-22-33-44-5g", -1, {}},
+                      MacCase{"00-11-22-33-44-555", -1, {}}, MacCase{"", -1, {}}));
+
+TEST(Clock, PinnedAndReal) {
+    kq_time_set(1000);
+    EXPECT_EQ(kq_time_get(), 1000);
+    kq_time_clear();
+    EXPECT_GT(kq_time_get(), 1700000000);
+}
 
 }  // namespace

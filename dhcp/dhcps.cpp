@@ -1,0 +1,629 @@
+// The DHCP server's settings and its read task on UDP port 67.
+#include "dhcp/dhcps.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "dhcp/dhcp_debug.h"
+#include "dhcp/dhcp_options.h"
+#include "dhcp/dhcp_packet.h"
+#include "dhcp/dhcp_socket.h"
+#include "dhcp/dhcps_leases.h"
+#include "dhcp/dhcps_pool.h"
+#include "lib/log.h"
+#include "lib/thread.h"
+#include "lib/if.h"
+#include "platform/clock.h"
+#include "platform/hal.h"
+#include "platform/uif.h"
+
+dhcps_settings dhcps_global;
+
+namespace {
+thread_master *server_master = nullptr;
+constexpr std::uint32_t kMaxLeaseMin = 2048;
+constexpr std::uint32_t kMaxLeaseMax = 10240;
+constexpr std::uint32_t kMaxLeaseDefault = 4096;
+}  // namespace
+
+thread_master *dhcps_master() { return server_master; }
+
+void dhcps_settings_init() { dhcps_global = dhcps_settings{}; }
+
+void dhcps_init(thread_master *m) {
+    server_master = m;
+    dhcps_pool_list_init();
+    dhcps_lease_list_init();
+    dhcps_settings_init();
+    dhcps_load_leases(DHCPS_LEASE_FILE);
+}
+
+int dhcps_recv(thread *t) {
+    int sock = THREAD_FD(t);
+    if (dhcps_parse_packet(sock) != 0) {
+        zlog_debug("dhcps_parse_packet fail!");
+    }
+    dhcps_global.recv_thread =
+        funcname_thread_add_read(server_master, dhcps_recv, nullptr, sock, "dhcps_recv");
+    return 0;
+}
+
+int dhcps_set_enable(std::uint32_t v) {
+    if (v == dhcps_global.enable) {
+        return 0;
+    }
+    dhcps_global.enable = v;
+    int rc = hal_dhcp_enable(static_cast<int>(v));
+    if (v == 1) {
+        int sock = dhcp_listen_socket(INADDR_ANY, 67, nullptr);
+        if (sock < 0) {
+            zlog_err("dhcp-server failed to init socket");
+            return -1;
+        }
+        dhcps_global.sock = sock;
+        dhcps_global.recv_thread =
+            funcname_thread_add_read(server_master, dhcps_recv, nullptr, sock, "dhcps_recv");
+        return sock;
+    }
+    if (dhcps_global.sock > 0) {
+        thread_cancel(dhcps_global.recv_thread);
+        close(dhcps_global.sock);
+        dhcps_global.recv_thread = nullptr;
+        dhcps_global.sock = 0;
+    }
+    return rc;
+}
+
+std::uint32_t dhcps_get_enable() { return dhcps_global.enable; }
+
+void dhcps_set_write_time(std::uint32_t v) { dhcps_global.write_time = v; }
+std::uint32_t dhcps_get_write_time() { return dhcps_global.write_time; }
+
+int dhcps_set_max_lease_num(std::uint32_t v) {
+    dhcps_global.max_lease_num = (v >= kMaxLeaseMin && v <= kMaxLeaseMax) ? v : kMaxLeaseDefault;
+    dhcps_leases_truncate(dhcps_global.max_lease_num);
+    return 0;
+}
+
+std::uint32_t dhcps_get_max_lease_num() { return dhcps_global.max_lease_num; }
+
+int dhcps_set_information(std::uint32_t v) {
+    if (v != dhcps_global.information) {
+        dhcps_global.information = v;
+    }
+    return 0;
+}
+
+std::uint32_t dhcps_get_information() { return dhcps_global.information; }
+
+// ---------------------------------------------------------------------------
+// Request handling.
+
+namespace {
+
+dhcps_send_fn reply_sender = nullptr;
+
+const char *ip_text(std::uint32_t nip, char *buf) {
+    in_addr a{nip};
+    return inet_ntop(AF_INET, &a, buf, INET_ADDRSTRLEN);
+}
+
+std::uint32_t load_u32(const std::uint8_t *p) {
+    std::uint32_t v = 0;
+    std::memcpy(&v, p, 4);
+    return v;
+}
+
+// The value of a 4-byte option of the request, or nullptr when absent or short.
+const std::uint8_t *address_option(const dhcp_packet &req, std::uint8_t code) {
+    const std::uint8_t *p = dhcp_get_option(&req, code);
+    return (p != nullptr && p[-1] >= 4) ? p : nullptr;
+}
+
+const char *message_name(int type) {
+    static const char *const names[] = {"WRONG state[0]\n", "DHCPDISCOVER\n", "DHCPOFFER\n",
+                                        "DHCPREQUEST\n",    "DHCPDECLINE\n",  "DHCPACK\n",
+                                        "DHCPNAK\n",        "DHCPRELEASE\n",  "DHCPINFORM\n"};
+    return (type >= 1 && type <= 8) ? names[type] : names[0];
+}
+
+bool packet_debug() { return dhcp_debug_on(DHCP_DEBUG_PACKET); }
+
+// The static or port binding of the client, 0 when it has none.
+std::uint32_t binding_for(const dhcps_pool *pool, const dhcp_packet &req, std::uint16_t vid) {
+    for (const auto &s : pool->static_leases) {
+        if (std::memcmp(s.mac, req.chaddr, 6) == 0) {
+            return s.ip;
+        }
+    }
+    // The port lookup only matters when the pool binds ports; skip the
+    // forwarding-database query otherwise, it is the costly part.
+    if (pool->port_binds.empty()) {
+        return 0;
+    }
+    std::uint32_t port = 0;
+    if (hal_mac_get_port(vid, req.chaddr, &port) != 0 || port == 0) {
+        return 0;
+    }
+    for (const auto &b : pool->port_binds) {
+        if (static_cast<std::uint32_t>(b.ifindex) == port) {
+            return b.ip;
+        }
+    }
+    return 0;
+}
+
+struct client_lease {
+    dhcps_lease transient{};  // stands for a static or port binding
+    const dhcps_lease *lease = nullptr;
+    bool is_transient = false;
+};
+
+void find_client_lease(client_lease &cl, const dhcps_pool *pool, const dhcp_packet &req,
+                       std::uint32_t static_ip, std::uint32_t mask) {
+    if (static_ip != 0) {
+        if (packet_debug()) {
+            zlog_debug("Found static lease: %x", static_ip);
+        }
+        std::memcpy(cl.transient.mac, req.chaddr, 6);
+        std::memcpy(cl.transient.nip, &static_ip, 4);
+        cl.lease = &cl.transient;
+        cl.is_transient = true;
+    } else {
+        cl.lease = dhcps_find_lease_by_mac(req.chaddr);
+    }
+    // A lease of another network is none of this pool's business.
+    if (cl.lease != nullptr && pool->prefix &&
+        ((pool->prefix->prefix.s_addr ^ dhcps_lease_nip(cl.lease)) & mask) != 0) {
+        cl.lease = nullptr;
+    }
+}
+
+void handle_request(interface *ifp, dhcps_pool *pool, const dhcp_packet &req,
+                    const client_lease &cl, std::uint32_t mask) {
+    if (packet_debug()) {
+        zlog_debug("Received REQUEST");
+    }
+    const std::uint8_t *opt50 = address_option(req, DHCP_REQUESTED_IP);
+    std::uint32_t requested = opt50 ? load_u32(opt50) : req.ciaddr;
+    if (requested == 0) {
+        zlog_debug("no requested IP and no ciaddr, ignoring");
+        return;
+    }
+    if (cl.lease != nullptr && dhcps_lease_nip(cl.lease) == requested) {
+        // Compared with the range's first address, not the network: kept so.
+        if (req.hops == 0 && ((htonl(pool->begin_ip) ^ requested) & mask) != 0) {
+            dhcps_clear_leases(req.chaddr, req.yiaddr);
+            dhcps_send_nak(ifp, pool, &req);
+        } else {
+            dhcps_send_ack(ifp, pool, &req, dhcps_lease_nip(cl.lease));
+        }
+        return;
+    }
+    if (dhcp_get_option(&req, DHCP_SERVER_ID) != nullptr || opt50 != nullptr) {
+        dhcps_send_nak(ifp, pool, &req);
+    }
+}
+
+void handle_decline(const dhcps_pool *pool, const dhcp_packet &req, const client_lease &cl) {
+    if (packet_debug()) {
+        zlog_debug("Received DECLINE");
+    }
+    const std::uint8_t *opt50 = address_option(req, DHCP_REQUESTED_IP);
+    if (dhcp_get_option(&req, DHCP_SERVER_ID) == nullptr || opt50 == nullptr ||
+        cl.lease == nullptr || dhcps_lease_nip(cl.lease) != load_u32(opt50) || cl.is_transient) {
+        return;
+    }
+    auto *lease = const_cast<dhcps_lease *>(cl.lease);
+    static constexpr std::uint8_t zero_mac[6] = {};
+    dhcps_lease_set_mac(lease, zero_mac);
+    dhcps_lease_set_expires(lease, kq_time_get() + static_cast<std::int32_t>(pool->decline_time));
+    dhcps_lease_set_state(lease, 0);
+}
+
+void handle_release(const dhcp_packet &req, const client_lease &cl) {
+    if (packet_debug()) {
+        zlog_debug("Received RELEASE");
+    }
+    if (dhcp_get_option(&req, DHCP_SERVER_ID) == nullptr || cl.lease == nullptr ||
+        dhcps_lease_nip(cl.lease) != req.ciaddr || cl.is_transient) {
+        return;
+    }
+    dhcps_lease_set_expires(const_cast<dhcps_lease *>(cl.lease), kq_time_get());
+}
+
+// Checks and pool choice, steps before the message type is acted on.
+// Returns the pool, or nullptr after logging why the request is dropped.
+dhcps_pool *choose_pool(const dhcp_packet &req, std::uint32_t l3_if_addr, interface **ifp_out,
+                        std::uint32_t *mask_out) {
+    if (req.hlen != 6) {
+        if (packet_debug()) {
+            zlog_debug("MAC length != 6, ignoring packet");
+        }
+        return nullptr;
+    }
+    if (req.op != BOOTREQUEST) {
+        if (packet_debug()) {
+            zlog_debug("not a BOOTREQUEST, ignoring packet");
+        }
+        return nullptr;
+    }
+    interface *ifp = if_lookup_address(in_addr{l3_if_addr});
+    if (ifp == nullptr) {
+        zlog_debug("if_lookup_address of l3_if_addr fail!");
+        return nullptr;
+    }
+    dhcp_option82 circuit{};
+    const std::uint8_t *o82 = dhcp_get_option(&req, DHCP_RELAY_AGENT_INFO);
+    if (dhcps_global.information != 0 && o82 != nullptr &&
+        dhcps_parse_option82(o82, o82[-1], &circuit) != 0) {
+        zlog_debug("Option-82 is invalid!");
+        return nullptr;
+    }
+    std::uint32_t key = req.gateway_nip != 0 ? req.gateway_nip : l3_if_addr;
+    dhcps_pool *pool = dhcps_lookup_by_network(key, &circuit);
+    if (pool == nullptr) {
+        return nullptr;
+    }
+    char buf[INET_ADDRSTRLEN];
+    zlog_debug("dhcps_pool %s, ipaddr=%s, ifindex=%d\n", pool->name,
+               ip_text(pool->server_ip, buf), pool->ifindex);
+    const option_set *mask = dhcp_find_option(pool->options, DHCP_SUBNET_MASK);
+    if (mask == nullptr || mask->length() < 4) {
+        zlog_debug("dhcp_find_option DHCP_SUBNET_MASK fail!");
+        return nullptr;
+    }
+    std::uint32_t sid = dhcps_acquire_server_id(ifp, pool);
+    const std::uint8_t *opt54 = address_option(req, DHCP_SERVER_ID);
+    if (opt54 != nullptr && sid != 0 && load_u32(opt54) != sid) {
+        zlog_debug("server ID doesn't match, ignoring");
+        return nullptr;
+    }
+    *ifp_out = ifp;
+    *mask_out = load_u32(mask->value().data());
+    return pool;
+}
+
+}  // namespace
+
+void dhcps_set_sender(dhcps_send_fn fn) { reply_sender = fn; }
+
+int dhcps_parse_packet(int sock) {
+    dhcp_packet req{};
+    int len = 0;
+    std::uint32_t l3_if_addr = 0;
+    if (dhcp_recvmsg(sock, &req, &len, &l3_if_addr) != 0) {
+        zlog_debug("dhcp_recvmsg fail!");
+        return -1;
+    }
+    return dhcps_handle_request(req, len, l3_if_addr);
+}
+
+int dhcps_handle_request(dhcp_packet &req, int len, std::uint32_t l3_if_addr) {
+    interface *ifp = nullptr;
+    std::uint32_t mask = 0;
+    dhcps_pool *pool = choose_pool(req, l3_if_addr, &ifp, &mask);
+    if (pool == nullptr) {
+        return -1;
+    }
+    const std::uint8_t *type_opt = dhcp_get_option(&req, DHCP_MESSAGE_TYPE);
+    int type = (type_opt != nullptr && type_opt[-1] >= 1) ? type_opt[0] : 0;
+    if (type == 0 || type > 8) {
+        if (packet_debug()) {
+            zlog_debug("no or bad message type option, ignoring packet");
+        }
+        return -1;
+    }
+    zlog_debug("%s", message_name(type));
+    pool->last_request_len = static_cast<std::uint32_t>(len) + 28;
+
+    client_lease cl;
+    std::uint32_t static_ip = binding_for(pool, req, if_get_vid(ifp));
+    find_client_lease(cl, pool, req, static_ip, mask);
+
+    switch (type) {
+        case DHCPDISCOVER:
+            if (packet_debug()) {
+                zlog_debug("Received DISCOVER");
+            }
+            dhcps_send_offer(ifp, pool, &req, static_ip, cl.lease,
+                             address_option(req, DHCP_REQUESTED_IP));
+            break;
+        case DHCPREQUEST:
+            handle_request(ifp, pool, req, cl, mask);
+            break;
+        case DHCPDECLINE:
+            handle_decline(pool, req, cl);
+            break;
+        case DHCPRELEASE:
+            handle_release(req, cl);
+            break;
+        case DHCPINFORM:
+            if (packet_debug()) {
+                zlog_debug("Received INFORM");
+            }
+            dhcps_send_inform(ifp, pool, &req);
+            break;
+        default:  // OFFER, ACK and NAK are the server's own messages
+            return -1;
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Replies.
+
+namespace {
+
+bool null_args(const void *a, const void *b, const void *c) {
+    if (a == nullptr || b == nullptr || c == nullptr) {
+        zlog_warn("The input pointer is NULL!");
+        return true;
+    }
+    return false;
+}
+
+void add_lease_options(dhcp_packet *reply, std::uint32_t lease) {
+    dhcp_add_simple_option(*reply, DHCP_LEASE_TIME, htonl(lease));
+    dhcp_add_simple_option(*reply, DHCP_T1, htonl(lease / 2));
+    dhcp_add_simple_option(*reply, DHCP_T2, htonl(lease * 7 / 8));  // wraps, as intended
+}
+
+// The client's host name (option 12) with the one byte after it that the
+// lease copy takes, bounded to the message.
+struct host_name {
+    char text[21] = {};
+    int len = 0;
+    bool present = false;
+};
+
+host_name request_host_name(const dhcp_packet *req) {
+    host_name h;
+    const std::uint8_t *p = dhcp_get_option(req, DHCP_HOST_NAME);
+    if (p == nullptr) {
+        return h;
+    }
+    h.present = true;
+    h.len = p[-1];
+    auto *end = reinterpret_cast<const std::uint8_t *>(req) + sizeof(dhcp_packet);
+    std::size_t take = std::min<std::size_t>({static_cast<std::size_t>(h.len) + 1, 20,
+                                              static_cast<std::size_t>(end - p)});
+    std::memcpy(h.text, p, take);
+    return h;
+}
+
+bool in_range(const dhcps_pool *pool, std::uint32_t nip) {
+    std::uint32_t h = ntohl(nip);
+    return h >= pool->begin_ip && h <= pool->end_ip;
+}
+
+std::uint32_t choose_offer_address(interface *ifp, dhcps_pool *pool, const dhcp_packet *req,
+                                   const dhcps_lease *lease, const std::uint8_t *requested) {
+    char a[INET_ADDRSTRLEN], b[INET_ADDRSTRLEN];
+    if (lease != nullptr && in_range(pool, dhcps_lease_nip(lease))) {
+        return dhcps_lease_nip(lease);
+    }
+    if (requested != nullptr && in_range(pool, load_u32(requested))) {
+        std::uint32_t want = load_u32(requested);
+        const dhcps_lease *holder = dhcps_find_lease_by_nip(want);
+        if (holder == nullptr || dhcps_lease_expired(holder)) {
+            if (packet_debug()) {
+                zlog_debug("requested ip: %s", ip_text(want, a));
+                zlog_debug("  start: %s %#x", ip_text(htonl(pool->begin_ip), b), pool->begin_ip);
+                zlog_debug("  end: %s %#x", ip_text(htonl(pool->end_ip), b), pool->end_ip);
+            }
+            return want;
+        }
+    }
+    std::uint32_t addr = dhcps_free_ip(ifp, pool, req->chaddr);
+    if (packet_debug()) {
+        zlog_debug("get free ip: %s", ip_text(addr, a));
+    }
+    return addr;
+}
+
+}  // namespace
+
+std::uint32_t dhcps_acquire_server_id(interface *ifp, dhcps_pool *pool) {
+    if (null_args(ifp, pool, pool)) {
+        return 0;
+    }
+    for (const auto &c : ifp->connected) {
+        const prefix *p = CONNECTED_PREFIX(c.get());
+        if (p->family == AF_INET6) {
+            continue;
+        }
+        char buf[INET_ADDRSTRLEN];
+        zlog_debug("DHCP_SERVER_ID is %s", ip_text(p->u.prefix4.s_addr, buf));
+        return p->u.prefix4.s_addr;
+    }
+    return pool->server_ip;
+}
+
+void dhcps_init_reply(interface *ifp, dhcps_pool *pool, dhcp_packet *reply,
+                      const dhcp_packet *request, std::uint8_t type) {
+    if (null_args(ifp, pool, reply) || null_args(request, request, request)) {
+        return;
+    }
+    dhcp_init_header(*reply, type);
+    reply->xid = request->xid;
+    std::memcpy(reply->chaddr, request->chaddr, sizeof reply->chaddr);
+    reply->flags = request->flags;
+    reply->gateway_nip = request->gateway_nip;
+    reply->ciaddr = request->ciaddr;
+    dhcp_add_simple_option(*reply, DHCP_SERVER_ID, dhcps_acquire_server_id(ifp, pool));
+}
+
+std::uint32_t dhcps_get_lease_time(dhcps_pool *pool) {
+    if (pool == nullptr) {
+        zlog_warn("The input pointer is NULL!");
+        return 0xffffffffu;
+    }
+    std::uint32_t lease = pool->lease_time;
+    if (const option_set *opt = dhcp_find_option(pool->options, DHCP_LEASE_TIME)) {
+        // The configured text form: decimal digits, no terminator.
+        std::uint32_t v = 0;
+        for (std::uint8_t ch : opt->value()) {
+            if (ch < '0' || ch > '9') {
+                break;
+            }
+            v = v * 10 + static_cast<std::uint32_t>(ch - '0');
+        }
+        lease = v;
+    }
+    if (lease > pool->lease_time) {
+        lease = pool->lease_time;
+    }
+    if (lease < pool->min_lease_time) {
+        lease = pool->min_lease_time;
+    }
+    return lease;
+}
+
+void dhcps_add_pool_options(dhcps_pool *pool, dhcp_packet *reply) {
+    if (null_args(pool, reply, reply)) {
+        return;
+    }
+    for (const option_set *o = pool->options.get(); o != nullptr; o = o->next.get()) {
+        if (o->code() != DHCP_LEASE_TIME) {
+            dhcp_add_binary_option(*reply, o->data);
+        }
+    }
+    reply->siaddr_nip = pool->next_server;
+    if (!pool->server_name.empty()) {
+        std::memcpy(reply->sname, pool->server_name.data(),
+                    std::min<std::size_t>(pool->server_name.size(), 63));
+    }
+    if (!pool->boot_file.empty()) {
+        std::memcpy(reply->file, pool->boot_file.data(),
+                    std::min<std::size_t>(pool->boot_file.size(), 127));
+    }
+}
+
+void dhcps_add_option82(dhcp_packet *reply, const dhcp_packet *request) {
+    if (null_args(reply, request, request) || dhcps_global.information == 0) {
+        return;
+    }
+    const std::uint8_t *v = dhcp_get_option(request, DHCP_RELAY_AGENT_INFO);
+    if (v == nullptr) {
+        return;
+    }
+    std::uint8_t opt[2 + 255];
+    opt[0] = DHCP_RELAY_AGENT_INFO;
+    opt[1] = v[-1];
+    std::memcpy(opt + 2, v, v[-1]);
+    dhcp_add_binary_option(*reply, std::span<const std::uint8_t>(opt, 2u + v[-1]));
+}
+
+void dhcps_send_offer(interface *ifp, dhcps_pool *pool, const dhcp_packet *request,
+                      std::uint32_t static_ip, const dhcps_lease *lease,
+                      const std::uint8_t *requested) {
+    dhcp_packet reply{};
+    if (null_args(ifp, pool, request)) {
+        return;
+    }
+    dhcps_init_reply(ifp, pool, &reply, request, DHCPOFFER);
+    reply.yiaddr = static_ip;
+    if (static_ip == 0) {
+        std::uint32_t addr = choose_offer_address(ifp, pool, request, lease, requested);
+        host_name h = request_host_name(request);
+        std::int32_t offer = static_cast<std::int32_t>(pool->offer_time);
+        if (addr == 0 || dhcps_add_lease(request->chaddr, addr, pool->offer_time,
+                                         kq_time_get() + offer, h.present ? h.text : nullptr,
+                                         h.len, 0, 1) == nullptr) {
+            zlog_debug("no free IP addresses. OFFER abandoned");
+            return;
+        }
+        reply.yiaddr = addr;
+    }
+    add_lease_options(&reply, dhcps_get_lease_time(pool));
+    dhcps_add_pool_options(pool, &reply);
+    dhcps_add_option82(&reply, request);
+    if (packet_debug()) {
+        char buf[INET_ADDRSTRLEN];
+        zlog_debug("Sending OFFER of %s", ip_text(reply.yiaddr, buf));
+    }
+    dhcps_send_packet_to_client(ifp, pool, &reply, 0);
+}
+
+void dhcps_send_ack(interface *ifp, dhcps_pool *pool, const dhcp_packet *request,
+                    std::uint32_t address) {
+    dhcp_packet reply{};
+    if (null_args(ifp, pool, request)) {
+        return;
+    }
+    dhcps_init_reply(ifp, pool, &reply, request, DHCPACK);
+    reply.yiaddr = address;
+    std::uint32_t lease = dhcps_get_lease_time(pool);
+    add_lease_options(&reply, lease);
+    dhcps_add_pool_options(pool, &reply);
+    dhcps_add_option82(&reply, request);
+    if (packet_debug()) {
+        char buf[INET_ADDRSTRLEN];
+        zlog_debug("Sending ACK to %s", ip_text(reply.yiaddr, buf));
+    }
+    dhcps_send_packet_to_client(ifp, pool, &reply, 0);
+    // Recorded after sending: with a full table the ACK has gone out anyway.
+    host_name h = request_host_name(request);
+    dhcps_add_lease(request->chaddr, address, lease,
+                    kq_time_get() + static_cast<std::int32_t>(lease), h.present ? h.text : nullptr,
+                    h.len, 1, 1);
+    dhcps_global.leases_dirty = 1;
+}
+
+void dhcps_send_nak(interface *ifp, dhcps_pool *pool, const dhcp_packet *request) {
+    dhcp_packet reply{};
+    if (null_args(ifp, pool, request)) {
+        return;
+    }
+    dhcps_init_reply(ifp, pool, &reply, request, DHCPNAK);
+    if (packet_debug()) {
+        zlog_debug("Sending NAK");
+    }
+    dhcps_send_packet_to_client(ifp, pool, &reply, 1);
+}
+
+void dhcps_send_inform(interface *ifp, dhcps_pool *pool, const dhcp_packet *request) {
+    dhcp_packet reply{};
+    if (null_args(ifp, pool, request)) {
+        return;
+    }
+    dhcps_init_reply(ifp, pool, &reply, request, DHCPACK);
+    dhcps_add_pool_options(pool, &reply);
+    dhcps_add_option82(&reply, request);
+    dhcps_send_packet_to_client(ifp, pool, &reply, 0);
+}
+
+void dhcps_send_packet_to_client(interface *ifp, dhcps_pool *pool, dhcp_packet *reply,
+                                 int force_broadcast) {
+    if (null_args(ifp, pool, reply)) {
+        return;
+    }
+    static constexpr std::uint8_t bcast_mac[6] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+    const std::uint8_t *mac = bcast_mac;
+    std::uint32_t dst = 0;
+    if (force_broadcast != 0 || (ntohs(reply->flags) & DHCP_BROADCAST_FLAG) != 0) {
+        if (packet_debug()) {
+            zlog_debug("Broadcasting packet to client");
+        }
+        dst = INADDR_BROADCAST;
+    } else if (reply->gateway_nip != 0) {
+        dst = reply->gateway_nip;
+    } else {
+        if (packet_debug()) {
+            zlog_debug("Unicasting packet to client ciaddr");
+        }
+        dst = reply->ciaddr;
+        mac = reply->chaddr;
+    }
+    if (reply_sender != nullptr) {
+        reply_sender(*reply, pool->server_ip, dst, mac, ifp->ifindex);
+        return;
+    }
+    dhcp_send_raw_packet(*reply, pool->server_ip, DHCP_SERVER_PORT, dst, DHCP_CLIENT_PORT, mac,
+                         ifp->ifindex);
+}

@@ -1,0 +1,36 @@
+#include "vemix.h"
+
+#include <cstring>
+
+namespace {
+int hexval(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+}  // namespace
+
+int vemix_str2mac(const char *text, std::uint8_t mac[6]) {
+    if (text == nullptr || mac == nullptr || std::strlen(text) != 17) {
+        return -1;
+    }
+    std::uint8_t out[6];
+    for (int i = 0; i < 6; ++i) {
+        const char *p = text + i * 3;
+        int hi = hexval(p[0]);
+        int lo = hexval(p[1]);
+        if (hi < 0 || lo < 0 || (i < 5 && p[2] != '-')) {
+            return -1;
+        }
+        out[i] = static_cast<std::uint8_t>(hi << 4 | lo);
+    }
+    std::memcpy(mac, out, 6);
+    return 0;
+}

@@ -1,0 +1,531 @@
+// Request handling and replies, driven in process: requests go straight to
+// the handler and replies are captured at the sending seam.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "dhcp/dhcp_debug.h"
+#include "dhcp/dhcp_options.h"
+#include "dhcp/dhcp_packet.h"
+#include "dhcp/dhcps.h"
+#include "dhcp/dhcps_leases.h"
+#include "dhcp/dhcps_pool.h"
+#include "lib/if.h"
+#include "lib/log.h"
+#include "platform/clock.h"
+
+namespace {
+
+std::uint32_t nip(const char *a) {
+    in_addr v{};
+    inet_pton(AF_INET, a, &v);
+    return v.s_addr;
+}
+
+std::string ip(std::uint32_t n) {
+    char b[INET_ADDRSTRLEN];
+    in_addr a{n};
+    return inet_ntop(AF_INET, &a, b, sizeof b);
+}
+
+struct Sent {
+    dhcp_packet reply;
+    std::uint32_t src, dst;
+    std::uint8_t mac[6];
+    int ifindex;
+};
+std::vector<Sent> sent;
+
+int capture(const dhcp_packet &reply, std::uint32_t src, std::uint32_t dst, const std::uint8_t *mac,
+            int ifindex) {
+    Sent s{reply, src, dst, {}, ifindex};
+    std::memcpy(s.mac, mac, 6);
+    sent.push_back(s);
+    return 0;
+}
+
+// The options of a reply in order: (code, value bytes).
+std::vector<std::pair<int, std::vector<std::uint8_t>>> options_of(const dhcp_packet &p) {
+    std::vector<std::pair<int, std::vector<std::uint8_t>>> out;
+    for (std::size_t i = 0; i < DHCP_OPTIONS_AREA && p.options[i] != DHCP_END;) {
+        if (p.options[i] == 0) {
+            ++i;
+            continue;
+        }
+        std::size_t len = p.options[i + 1];
+        out.emplace_back(p.options[i], std::vector<std::uint8_t>(p.options + i + 2,
+                                                                p.options + i + 2 + len));
+        i += 2 + len;
+    }
+    return out;
+}
+
+std::vector<int> codes_of(const dhcp_packet &p) {
+    std::vector<int> c;
+    for (auto &[code, v] : options_of(p)) {
+        c.push_back(code);
+    }
+    return c;
+}
+
+std::uint32_t u32_option(const dhcp_packet &p, int code) {
+    for (auto &[c, v] : options_of(p)) {
+        if (c == code && v.size() == 4) {
+            return static_cast<std::uint32_t>(v[0]) << 24 | static_cast<std::uint32_t>(v[1]) << 16 |
+                   static_cast<std::uint32_t>(v[2]) << 8 | v[3];
+        }
+    }
+    return 0xdeadbeef;
+}
+
+struct Request {
+    dhcp_packet p{};
+    std::size_t at = 0;
+    Request(std::uint8_t type, std::uint8_t mac_last) {
+        p.op = BOOTREQUEST;
+        p.htype = 1;
+        p.hlen = 6;
+        p.xid = htonl(0x1234);
+        std::uint8_t mac[6] = {0x02, 0, 0, 0, 0, mac_last};
+        std::memcpy(p.chaddr, mac, 6);
+        p.cookie = htonl(DHCP_MAGIC);
+        opt(DHCP_MESSAGE_TYPE, {type});
+    }
+    Request &opt(std::uint8_t code, std::vector<std::uint8_t> v) {
+        p.options[at++] = code;
+        p.options[at++] = static_cast<std::uint8_t>(v.size());
+        for (auto b : v) {
+            p.options[at++] = b;
+        }
+        p.options[at] = DHCP_END;
+        return *this;
+    }
+    Request &addr_opt(std::uint8_t code, const char *a) {
+        std::uint32_t n = nip(a);
+        auto *b = reinterpret_cast<std::uint8_t *>(&n);
+        return opt(code, {b[0], b[1], b[2], b[3]});
+    }
+};
+
+struct Server : ::testing::Test {
+    interface *ifp = nullptr;
+    dhcps_pool *pool = nullptr;
+    std::vector<std::string> log;
+    static constexpr std::int32_t now = 1000000;
+
+    Server() {
+        if_init();
+        dhcps_pool_list_init();
+        dhcps_lease_list_init();
+        dhcps_settings_init();
+        kq_time_set(now);
+        dhcp_debug = 0;
+        sent.clear();
+        dhcps_set_sender(capture);
+        zlog_set_hook([this](int, std::string_view t) { log.emplace_back(t); });
+        ifp = if_get_by_name("vlanif10");
+        ifp->ifindex = 5;
+        prefix a{};
+        str2prefix("192.168.1.1/24", &a);
+        connected_add(ifp, 0, &a, nullptr);
+        pool = make_pool("p", "192.168.1.1", "192.168.1.0/24", "192.168.1.10", "192.168.1.20");
+    }
+    ~Server() override {
+        zlog_set_hook({});
+        dhcps_set_sender(nullptr);
+        dhcps_pool_list_free();
+        dhcps_lease_list_free();
+        if_terminate();
+        kq_time_clear();
+    }
+    static void addr_option(dhcps_pool *p, std::uint8_t code, std::vector<const char *> addrs) {
+        dhcp_delete_option(p->options, code);
+        std::vector<std::uint8_t> v;
+        for (auto *a : addrs) {
+            std::uint32_t n = nip(a);
+            auto *b = reinterpret_cast<std::uint8_t *>(&n);
+            v.insert(v.end(), b, b + 4);
+        }
+        dhcp_attach_option(p->options, dhcp_option{0x31, code}, v);
+    }
+    static void lease_text(dhcps_pool *p, const char *text) {
+        dhcp_delete_option(p->options, DHCP_LEASE_TIME);
+        dhcp_attach_option(p->options, dhcp_option{0x13, DHCP_LEASE_TIME},
+                           {reinterpret_cast<const std::uint8_t *>(text), std::strlen(text)});
+    }
+    dhcps_pool *make_pool(const char *name, const char *router, const char *net, const char *begin,
+                          const char *end) {
+        dhcps_pool *p = dhcps_pool_get(name);
+        addr_option(p, DHCP_ROUTER, {router});
+        addr_option(p, DHCP_DNS_SERVER, {"8.8.8.8"});
+        prefix_ipv4 pfx{};
+        str2prefix_ipv4(net, &pfx);
+        EXPECT_EQ(dhcps_network(p, &pfx), 0);
+        p->begin_ip = ntohl(nip(begin));
+        p->end_ip = ntohl(nip(end));
+        return p;
+    }
+    int handle(Request &r, const char *local = "192.168.1.1") {
+        return dhcps_handle_request(r.p, 300, nip(local));
+    }
+    bool logged(const std::string &t) {
+        for (auto &l : log) {
+            if (l == t) {
+                return true;
+            }
+        }
+        return false;
+    }
+    // DISCOVER then REQUEST: the client's bound address.
+    std::uint32_t bind(std::uint8_t mac_last) {
+        Request d(DHCPDISCOVER, mac_last);
+        EXPECT_EQ(handle(d), 0);
+        std::uint32_t offered = sent.back().reply.yiaddr;
+        Request r(DHCPREQUEST, mac_last);
+        r.addr_opt(DHCP_REQUESTED_IP, ip(offered).c_str()).addr_opt(DHCP_SERVER_ID, "192.168.1.1");
+        EXPECT_EQ(handle(r), 0);
+        EXPECT_EQ(options_of(sent.back().reply)[0].second, std::vector<std::uint8_t>{DHCPACK});
+        return offered;
+    }
+};
+
+TEST_F(Server, DiscoverGetsAnOfferWithOptionsInOrder) {
+    Request d(DHCPDISCOVER, 1);
+    ASSERT_EQ(handle(d), 0);
+    ASSERT_EQ(sent.size(), 1u);
+    const dhcp_packet &o = sent[0].reply;
+    EXPECT_EQ(o.op, BOOTREPLY);
+    EXPECT_EQ(o.htype, 1);
+    EXPECT_EQ(o.hlen, 6);
+    EXPECT_EQ(o.xid, htonl(0x1234));
+    EXPECT_EQ(ip(o.yiaddr), "192.168.1.10");
+    EXPECT_EQ(ip(o.siaddr_nip), "192.168.1.1");
+    EXPECT_EQ(std::memcmp(o.chaddr, d.p.chaddr, 16), 0);
+    EXPECT_EQ(codes_of(o), (std::vector<int>{53, 54, 51, 58, 59, 1, 3, 6, 28}));
+    EXPECT_EQ(u32_option(o, 51), 864000u);
+    EXPECT_EQ(u32_option(o, 58), 432000u);
+    EXPECT_EQ(u32_option(o, 59), 756000u);
+    EXPECT_EQ(ip(htonl(u32_option(o, 54))), "192.168.1.1");
+    // No broadcast flag, no relay: to ciaddr (0) at the client's MAC.
+    EXPECT_EQ(sent[0].dst, 0u);
+    EXPECT_EQ(std::memcmp(sent[0].mac, d.p.chaddr, 6), 0);
+    EXPECT_EQ(sent[0].ifindex, 5);
+    EXPECT_EQ(ip(sent[0].src), "192.168.1.1");
+    // The offer holds the address with an uncommitted lease for offer_time.
+    const dhcps_lease *l = dhcps_find_lease_by_nip(nip("192.168.1.10"));
+    ASSERT_NE(l, nullptr);
+    EXPECT_EQ(dhcps_lease_state(l), 0u);
+    EXPECT_EQ(dhcps_lease_expires(l), now + 10);
+    EXPECT_EQ(dhcps_lease_time(l), 10u);
+}
+
+TEST_F(Server, LeaseTextOptionIsGrantedAndClamped) {
+    lease_text(pool, "3600");
+    Request d(DHCPDISCOVER, 1);
+    handle(d);
+    EXPECT_EQ(u32_option(sent[0].reply, 51), 3600u);
+    EXPECT_EQ(u32_option(sent[0].reply, 58), 1800u);
+    EXPECT_EQ(u32_option(sent[0].reply, 59), 3150u);
+    lease_text(pool, "0");
+    EXPECT_EQ(dhcps_get_lease_time(pool), 0u);  // "lease infinite" grants nothing
+    pool->min_lease_time = 60;
+    EXPECT_EQ(dhcps_get_lease_time(pool), 60u);
+    lease_text(pool, "99999999");
+    EXPECT_EQ(dhcps_get_lease_time(pool), 864000u);
+    lease_text(pool, "x1");
+    EXPECT_EQ(dhcps_get_lease_time(pool), 60u);
+    EXPECT_EQ(dhcps_get_lease_time(nullptr), 0xffffffffu);
+}
+
+TEST_F(Server, RebindingTimeWrapsIn32Bits) {
+    pool->lease_time = 4000000000u;
+    lease_text(pool, "4000000000");
+    Request d(DHCPDISCOVER, 1);
+    handle(d);
+    EXPECT_EQ(u32_option(sent[0].reply, 59), static_cast<std::uint32_t>(4000000000u * 7u) / 8u);
+}
+
+TEST_F(Server, RequestForTheOfferIsAckedAndCommitted) {
+    std::uint32_t a = bind(1);
+    EXPECT_EQ(ip(a), "192.168.1.10");
+    const dhcp_packet &ack = sent.back().reply;
+    EXPECT_EQ(codes_of(ack), (std::vector<int>{53, 54, 51, 58, 59, 1, 3, 6, 28}));
+    EXPECT_EQ(ack.yiaddr, a);
+    const dhcps_lease *l = dhcps_find_lease_by_nip(a);
+    ASSERT_NE(l, nullptr);
+    EXPECT_EQ(dhcps_lease_state(l), 1u);
+    EXPECT_EQ(dhcps_lease_expires(l), now + 864000);
+    EXPECT_EQ(dhcps_global.leases_dirty, 1u);
+    EXPECT_EQ(ip(bind(2)), "192.168.1.11");
+}
+
+TEST_F(Server, BroadcastFlagIsHonouredEvenWithCiaddr) {
+    std::uint32_t a = bind(1);
+    Request r(DHCPREQUEST, 1);
+    r.p.flags = htons(0x8000);
+    r.p.ciaddr = a;
+    handle(r);
+    EXPECT_EQ(sent.back().dst, INADDR_BROADCAST);
+    EXPECT_EQ(sent.back().mac[0], 0xff);
+}
+
+TEST_F(Server, RenewalByCiaddrIsUnicast) {
+    std::uint32_t a = bind(1);
+    Request r(DHCPREQUEST, 1);
+    r.p.ciaddr = a;
+    handle(r);
+    EXPECT_EQ(options_of(sent.back().reply)[0].second, std::vector<std::uint8_t>{DHCPACK});
+    EXPECT_EQ(sent.back().dst, a);
+    EXPECT_EQ(sent.back().mac[5], 1);
+}
+
+TEST_F(Server, RequestWithOnlyCiaddrFromAStrangerGetsNoAnswer) {
+    Request r(DHCPREQUEST, 9);
+    r.p.ciaddr = nip("192.168.1.15");
+    EXPECT_EQ(handle(r), 0);
+    EXPECT_TRUE(sent.empty());
+    Request r2(DHCPREQUEST, 9);
+    r2.addr_opt(DHCP_REQUESTED_IP, "192.168.1.15");
+    EXPECT_EQ(handle(r2), 0);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(codes_of(sent[0].reply), (std::vector<int>{53, 54}));
+    EXPECT_EQ(options_of(sent[0].reply)[0].second, std::vector<std::uint8_t>{DHCPNAK});
+    EXPECT_EQ(sent[0].dst, INADDR_BROADCAST);
+}
+
+TEST_F(Server, RequestWithNeitherOptionNorCiaddrIsIgnored) {
+    Request r(DHCPREQUEST, 9);
+    EXPECT_EQ(handle(r), 0);
+    EXPECT_TRUE(sent.empty());
+    EXPECT_TRUE(logged("no requested IP and no ciaddr, ignoring"));
+}
+
+TEST_F(Server, DirectRequestOutsideTheFirstAddressSubnetIsNakedAndForgotten) {
+    // Network /16, range starting in another /24 than the address asked for.
+    dhcps_pool_list_free();
+    dhcps_lease_list_free();
+    dhcps_lease_list_init();
+    prefix a{};
+    str2prefix("10.1.0.1/16", &a);
+    connected_add(ifp, 0, &a, nullptr);
+    dhcps_pool *p = make_pool("q", "10.1.0.1", "10.1.0.0/16", "10.1.5.1", "10.1.9.254");
+    addr_option(p, DHCP_SUBNET_MASK, {"255.255.255.0"});
+    const std::uint8_t mac[6] = {0x02, 0, 0, 0, 0, 7};
+    ASSERT_NE(dhcps_add_lease(mac, nip("10.1.6.9"), 100, now + 100, nullptr, 0, 1, 0), nullptr);
+    Request r(DHCPREQUEST, 7);
+    r.addr_opt(DHCP_REQUESTED_IP, "10.1.6.9");
+    EXPECT_EQ(handle(r, "10.1.0.1"), 0);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(options_of(sent[0].reply)[0].second, std::vector<std::uint8_t>{DHCPNAK});
+    EXPECT_EQ(dhcps_find_lease_by_mac(mac), nullptr);
+    // Relayed (hops 1), the same request is acknowledged.
+    ASSERT_NE(dhcps_add_lease(mac, nip("10.1.6.9"), 100, now + 100, nullptr, 0, 1, 0), nullptr);
+    r.p.hops = 1;
+    handle(r, "10.1.0.1");
+    EXPECT_EQ(options_of(sent.back().reply)[0].second, std::vector<std::uint8_t>{DHCPACK});
+}
+
+TEST_F(Server, RelayedRequestChoosesThePoolByGatewayAndRepliesToIt) {
+    dhcps_pool *remote = make_pool("r", "10.20.0.1", "10.20.0.0/24", "10.20.0.50", "10.20.0.60");
+    Request d(DHCPDISCOVER, 3);
+    d.p.gateway_nip = nip("10.20.0.1");
+    d.p.hops = 1;
+    ASSERT_EQ(handle(d), 0);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(ip(sent[0].reply.yiaddr), "10.20.0.50");
+    EXPECT_EQ(sent[0].dst, nip("10.20.0.1"));
+    EXPECT_EQ(sent[0].mac[0], 0xff);
+    EXPECT_EQ(sent[0].reply.gateway_nip, nip("10.20.0.1"));
+    EXPECT_EQ(remote->last_request_len, 328u);
+    // The server identifier is the receiving interface's address.
+    EXPECT_EQ(ip(htonl(u32_option(sent[0].reply, 54))), "192.168.1.1");
+}
+
+TEST_F(Server, NakIsBroadcastAlsoToARelayedRequest) {
+    make_pool("r", "10.20.0.1", "10.20.0.0/24", "10.20.0.50", "10.20.0.60");
+    Request r(DHCPREQUEST, 3);
+    r.p.gateway_nip = nip("10.20.0.1");
+    r.addr_opt(DHCP_REQUESTED_IP, "10.20.0.55");
+    handle(r);
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(sent[0].dst, INADDR_BROADCAST);
+}
+
+TEST_F(Server, Option82IsCheckedAndEchoedLast) {
+    ASSERT_EQ(allow_add(&pool->allow_circuit_ids, "port1"), 0);
+    Request d(DHCPDISCOVER, 4);
+    d.opt(DHCP_RELAY_AGENT_INFO, {1, 5, 'p', 'o', 'r', 't', '1', 2, 1, 'x'});
+    ASSERT_EQ(handle(d), 0);
+    auto opts = options_of(sent.back().reply);
+    EXPECT_EQ(opts.back().first, 82);
+    EXPECT_EQ(opts.back().second,
+              (std::vector<std::uint8_t>{1, 5, 'p', 'o', 'r', 't', '1', 2, 1, 'x'}));
+    Request bad(DHCPDISCOVER, 5);
+    bad.opt(DHCP_RELAY_AGENT_INFO, {1, 9, 'p'});
+    EXPECT_EQ(handle(bad), -1);
+    EXPECT_TRUE(logged("Option-82 is invalid!"));
+    // With option-82 handling off the option is neither checked nor echoed.
+    dhcps_set_information(0);
+    sent.clear();
+    EXPECT_EQ(handle(bad), 0);
+    EXPECT_NE(codes_of(sent.back().reply).back(), 82);
+    allow_delete(&pool->allow_circuit_ids, "port1");
+}
+
+TEST_F(Server, CircuitIdNotAllowedAnywhereGetsNothing) {
+    Request d(DHCPDISCOVER, 4);
+    d.opt(DHCP_RELAY_AGENT_INFO, {1, 2, 'z', 'z'});
+    EXPECT_EQ(handle(d), -1);
+    EXPECT_TRUE(sent.empty());
+}
+
+TEST_F(Server, DeclineWithoutServerIdChangesNothing) {
+    std::uint32_t a = bind(1);
+    Request dec(DHCPDECLINE, 1);
+    dec.addr_opt(DHCP_REQUESTED_IP, ip(a).c_str());
+    EXPECT_EQ(handle(dec), 0);
+    const dhcps_lease *l = dhcps_find_lease_by_nip(a);
+    EXPECT_EQ(dhcps_lease_state(l), 1u);
+    EXPECT_EQ(l->mac[5], 1);
+    dec.addr_opt(DHCP_SERVER_ID, "192.168.1.1");
+    EXPECT_EQ(handle(dec), 0);
+    EXPECT_EQ(dhcps_lease_state(l), 0u);
+    EXPECT_EQ(l->mac[5], 0);
+    EXPECT_EQ(dhcps_lease_expires(l), now + 30);
+    EXPECT_EQ(sent.size(), 2u);  // no reply to a decline
+}
+
+TEST_F(Server, ReleaseMovesExpiryToNowAndKeepsTheLease) {
+    std::uint32_t a = bind(1);
+    Request rel(DHCPRELEASE, 1);
+    rel.p.ciaddr = a;
+    EXPECT_EQ(handle(rel), 0);
+    EXPECT_EQ(dhcps_lease_expires(dhcps_find_lease_by_nip(a)), now + 864000);  // no 54: nothing
+    rel.addr_opt(DHCP_SERVER_ID, "192.168.1.1");
+    EXPECT_EQ(handle(rel), 0);
+    const dhcps_lease *l = dhcps_find_lease_by_nip(a);
+    ASSERT_NE(l, nullptr);
+    EXPECT_EQ(dhcps_lease_expires(l), now);
+    EXPECT_EQ(dhcps_lease_state(l), 1u);
+}
+
+TEST_F(Server, StaticBindingIsOfferedEvenOutsideTheRange) {
+    dhcps_static_lease s{nip("192.168.1.200"), {0x02, 0, 0, 0, 0, 8}};
+    pool->static_leases.push_back(s);
+    Request d(DHCPDISCOVER, 8);
+    handle(d);
+    EXPECT_EQ(ip(sent[0].reply.yiaddr), "192.168.1.200");
+    EXPECT_EQ(dhcps_get_leases_num(), 0);  // nothing held at offer time
+    Request r(DHCPREQUEST, 8);
+    r.addr_opt(DHCP_REQUESTED_IP, "192.168.1.200");
+    handle(r);
+    EXPECT_EQ(options_of(sent.back().reply)[0].second, std::vector<std::uint8_t>{DHCPACK});
+    EXPECT_EQ(sent.back().reply.yiaddr, nip("192.168.1.200"));
+}
+
+TEST_F(Server, OwnLeaseOutsideTheRangeIsNotOfferedAgain) {
+    const std::uint8_t mac[6] = {0x02, 0, 0, 0, 0, 1};
+    dhcps_add_lease(mac, nip("192.168.1.100"), 100, now + 100, nullptr, 0, 1, 0);
+    Request d(DHCPDISCOVER, 1);
+    d.addr_opt(DHCP_REQUESTED_IP, "192.168.1.15");
+    handle(d);
+    EXPECT_EQ(ip(sent[0].reply.yiaddr), "192.168.1.15");  // the requested one instead
+}
+
+TEST_F(Server, FullTableStillAcksAndMarksDirty) {
+    dhcps_set_max_lease_num(2048);
+    for (int i = 0; i < 2048; ++i) {
+        std::uint8_t mac[6] = {0x04, 0, 0, 0, static_cast<std::uint8_t>(i >> 8),
+                               static_cast<std::uint8_t>(i)};
+        ASSERT_NE(dhcps_add_lease(mac, htonl(0x0a000000u + static_cast<std::uint32_t>(i)), 100,
+                                  now + 100, nullptr, 0, 1, 0),
+                  nullptr);
+    }
+    dhcps_static_lease s{nip("192.168.1.201"), {0x02, 0, 0, 0, 0, 9}};
+    pool->static_leases.push_back(s);
+    dhcps_global.leases_dirty = 0;
+    Request r(DHCPREQUEST, 9);
+    r.addr_opt(DHCP_REQUESTED_IP, "192.168.1.201");
+    handle(r);
+    EXPECT_EQ(options_of(sent.back().reply)[0].second, std::vector<std::uint8_t>{DHCPACK});
+    EXPECT_EQ(dhcps_global.leases_dirty, 1u);
+    EXPECT_EQ(dhcps_find_lease_by_nip(nip("192.168.1.201")), nullptr);
+}
+
+TEST_F(Server, ExhaustedRangeAbandonsTheOffer) {
+    pool->end_ip = pool->begin_ip + 1;
+    bind(1);
+    bind(2);
+    sent.clear();
+    Request d(DHCPDISCOVER, 3);
+    EXPECT_EQ(handle(d), 0);
+    EXPECT_TRUE(sent.empty());
+    EXPECT_TRUE(logged("no free IP addresses. OFFER abandoned"));
+}
+
+TEST_F(Server, InformGetsPoolOptionsWithoutAddressOrLease) {
+    Request i(DHCPINFORM, 6);
+    i.p.ciaddr = nip("192.168.1.77");
+    ASSERT_EQ(handle(i), 0);
+    const dhcp_packet &a = sent[0].reply;
+    EXPECT_EQ(codes_of(a), (std::vector<int>{53, 54, 1, 3, 6, 28}));
+    EXPECT_EQ(options_of(a)[0].second, std::vector<std::uint8_t>{DHCPACK});
+    EXPECT_EQ(a.yiaddr, 0u);
+    EXPECT_EQ(sent[0].dst, nip("192.168.1.77"));
+}
+
+TEST_F(Server, MalformedRequestsAreDroppedWithoutReply) {
+    Request notype(DHCPDISCOVER, 1);
+    notype.p.options[0] = DHCP_END;
+    EXPECT_EQ(handle(notype), -1);
+    Request badtype(9, 1);
+    EXPECT_EQ(handle(badtype), -1);
+    Request hlen(DHCPDISCOVER, 1);
+    hlen.p.hlen = 7;
+    EXPECT_EQ(handle(hlen), -1);
+    Request reply(DHCPDISCOVER, 1);
+    reply.p.op = BOOTREPLY;
+    EXPECT_EQ(handle(reply), -1);
+    Request offer(DHCPOFFER, 1);
+    EXPECT_EQ(handle(offer), -1);
+    Request elsewhere(DHCPDISCOVER, 1);
+    EXPECT_EQ(handle(elsewhere, "172.31.0.1"), -1);
+    EXPECT_TRUE(logged("if_lookup_address of l3_if_addr fail!"));
+    EXPECT_TRUE(sent.empty());
+}
+
+TEST_F(Server, ServerIdOfAnotherServerIsIgnored) {
+    Request r(DHCPREQUEST, 1);
+    r.addr_opt(DHCP_SERVER_ID, "192.168.1.99").addr_opt(DHCP_REQUESTED_IP, "192.168.1.10");
+    EXPECT_EQ(handle(r), -1);
+    EXPECT_TRUE(logged("server ID doesn't match, ignoring"));
+    EXPECT_TRUE(sent.empty());
+}
+
+TEST_F(Server, MessageTypeNamesAndPacketTracesUnderDebug) {
+    dhcp_debug = DHCP_DEBUG_PACKET;
+    Request d(DHCPDISCOVER, 1);
+    handle(d);
+    EXPECT_TRUE(logged("DHCPDISCOVER"));
+    EXPECT_TRUE(logged("Received DISCOVER"));
+    EXPECT_TRUE(logged("get free ip: 192.168.1.10"));
+    EXPECT_TRUE(logged("Sending OFFER of 192.168.1.10"));
+    EXPECT_TRUE(logged("Unicasting packet to client ciaddr"));
+    EXPECT_TRUE(logged("dhcps_pool p, ipaddr=192.168.1.1, ifindex=5"));
+    dhcp_debug = 0;
+}
+
+TEST_F(Server, HostNameIsStoredWithTheByteAfterIt) {
+    Request d(DHCPDISCOVER, 1);
+    d.opt(DHCP_HOST_NAME, {'a', 'b'}).opt(55, {1, 3});
+    handle(d);
+    const dhcps_lease *l = dhcps_find_lease_by_nip(nip("192.168.1.10"));
+    ASSERT_NE(l, nullptr);
+    EXPECT_EQ(std::string(l->hostname, strnlen(l->hostname, 20)), "ab7");
+}
+
+}  // namespace
