@@ -67,7 +67,8 @@ int arpping(std::uint32_t test_nip, const std::uint8_t *safe_mac, std::uint32_t 
                 if (::poll(&pfd, 1, static_cast<int>(timeout_ms)) <= 0) {
                     break;
                 }
-                const ssize_t n = dhcp_safe_read(fd.get(), std::as_writable_bytes(std::span(&reply, 1)));
+                const ssize_t n =
+                    dhcp_safe_read(fd.get(), std::as_writable_bytes(std::span(&reply, 1)));
                 if (n < 0) {
                     break;
                 }
@@ -83,12 +84,13 @@ int arpping(std::uint32_t test_nip, const std::uint8_t *safe_mac, std::uint32_t 
                     break;
                 }
             }
-            if (answered && !(safe_mac != nullptr && std::memcmp(reply.sender_mac, safe_mac, 6) == 0)) {
+            if (answered &&
+                !(safe_mac != nullptr && std::memcmp(reply.sender_mac, safe_mac, 6) == 0)) {
                 result = 0;
             }
         }
-        fd.reset();
     }
+    fd.reset();
 
     if (dhcp_debug_on(DHCP_DEBUG_EVENTS)) {
         zlog_info("%srp reply received for this address", result != 0 ? "No a" : "A");

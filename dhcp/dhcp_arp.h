@@ -7,9 +7,9 @@
 struct dhcp_arp_frame {
     std::uint8_t h_dest[6];
     std::uint8_t h_source[6];
-    std::uint16_t h_proto;    // network order
-    std::uint16_t htype;      // network order
-    std::uint16_t ptype;      // network order
+    std::uint16_t h_proto;  // network order
+    std::uint16_t htype;    // network order
+    std::uint16_t ptype;    // network order
     std::uint8_t hlen;
     std::uint8_t plen;
     std::uint16_t operation;  // network order

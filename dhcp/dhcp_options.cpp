@@ -72,7 +72,9 @@ namespace {
 constexpr unsigned kOverloadFile = 0x101;
 constexpr unsigned kOverloadSname = 0x202;
 
-bool events_debug() { return dhcp_debug_on(DHCP_DEBUG_EVENTS); }
+bool events_debug() {
+    return dhcp_debug_on(DHCP_DEBUG_EVENTS);
+}
 
 }  // namespace
 
@@ -137,7 +139,8 @@ const std::uint8_t *dhcp_get_option(const dhcp_packet *packet, std::uint8_t code
 }
 
 std::uint8_t *dhcp_get_option(dhcp_packet *packet, std::uint8_t code) {
-    return const_cast<std::uint8_t *>(dhcp_get_option(static_cast<const dhcp_packet *>(packet), code));
+    return const_cast<std::uint8_t *>(
+        dhcp_get_option(static_cast<const dhcp_packet *>(packet), code));
 }
 
 int dhcp_end_option(std::span<const std::uint8_t> options) {

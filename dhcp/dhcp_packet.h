@@ -8,7 +8,8 @@
 constexpr std::uint8_t BOOTREQUEST = 1;
 constexpr std::uint8_t BOOTREPLY = 2;
 
-constexpr std::uint32_t DHCP_MAGIC = 0x63825363;  // host order; the record holds it in network order
+constexpr std::uint32_t DHCP_MAGIC =
+    0x63825363;  // host order; the record holds it in network order
 constexpr std::uint16_t DHCP_BROADCAST_FLAG = 0x8000;
 constexpr std::uint16_t DHCP_SERVER_PORT = 67;
 constexpr std::uint16_t DHCP_CLIENT_PORT = 68;

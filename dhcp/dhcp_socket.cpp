@@ -20,7 +20,9 @@
 
 namespace {
 
-bool packet_debug() { return dhcp_debug_on(DHCP_DEBUG_PACKET); }
+bool packet_debug() {
+    return dhcp_debug_on(DHCP_DEBUG_PACKET);
+}
 
 constexpr std::size_t kRecvBufSize = 1518;
 
@@ -32,11 +34,12 @@ std::size_t sendable_end(const dhcp_packet &packet) {
                     DHCP_OPTIONS_AREA - 1);
 }
 
-// Closing a packet socket waits for a kernel grace period, which would cap
-// replies at a few hundred a second; so unlike the per-message socket of the
-// classic design, one send-only socket (protocol 0: nothing is queued to it
-// on receive) lives for the process and each frame names its link-layer
-// destination in sendto(). The frames on the wire are the same.
+// Deliberately not a socket per message as in the classic design: closing a
+// packet socket waits for a kernel grace period (milliseconds), which would
+// cap the server at a few hundred replies a second. One send-only socket
+// (protocol 0: nothing is queued to it on receive) lives for the process and
+// each frame names its link-layer destination in sendto(); the frames on the
+// wire are the same.
 dhcp_unique_fd raw_send_fd;
 
 // Whether `fd` is still the send socket we opened, after a failed send.
@@ -264,8 +267,8 @@ int dhcp_send_raw_packet(const dhcp_packet &packet, std::uint32_t src_ip, std::u
             zlog_err("socket(%s)", "PACKET");
             return -1;
         }
-        const ssize_t sent = ::sendto(fd, &frame, total, 0,
-                                      reinterpret_cast<const sockaddr *>(&dest), sizeof dest);
+        const ssize_t sent =
+            ::sendto(fd, &frame, total, 0, reinterpret_cast<const sockaddr *>(&dest), sizeof dest);
         if (sent >= 0) {
             return static_cast<int>(sent);
         }
@@ -280,8 +283,8 @@ int dhcp_send_raw_packet(const dhcp_packet &packet, std::uint32_t src_ip, std::u
     }
 }
 
-int dhcp_send_kernel_packet(const dhcp_packet &packet, std::uint32_t src_ip,
-                            std::uint16_t src_port, std::uint32_t dst_ip, std::uint16_t dst_port) {
+int dhcp_send_kernel_packet(const dhcp_packet &packet, std::uint32_t src_ip, std::uint16_t src_port,
+                            std::uint32_t dst_ip, std::uint16_t dst_port) {
     dhcp_unique_fd fd(::socket(PF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
     if (!fd) {
         zlog_err("socket(%s)", "UDP");

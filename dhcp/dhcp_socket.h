@@ -15,7 +15,7 @@
 
 // Owning descriptor: closed exactly once, movable, never copied.
 class dhcp_unique_fd {
-public:
+  public:
     dhcp_unique_fd() = default;
     explicit dhcp_unique_fd(int fd) : fd_(fd) {}
     dhcp_unique_fd(const dhcp_unique_fd &) = delete;
@@ -39,7 +39,7 @@ public:
         fd_ = fd;
     }
 
-private:
+  private:
     int fd_ = -1;
 };
 
@@ -75,8 +75,8 @@ int dhcp_send_raw_packet(const dhcp_packet &packet, std::uint32_t src_ip, std::u
 
 // Sends the message up to its end marker through the kernel's UDP stack.
 // Bytes written, or -1.
-int dhcp_send_kernel_packet(const dhcp_packet &packet, std::uint32_t src_ip,
-                            std::uint16_t src_port, std::uint32_t dst_ip, std::uint16_t dst_port);
+int dhcp_send_kernel_packet(const dhcp_packet &packet, std::uint32_t src_ip, std::uint16_t src_port,
+                            std::uint32_t dst_ip, std::uint16_t dst_port);
 
 // Reads one message. Its length; the negative read result on error; -2 when
 // shorter than the fixed part or without the magic cookie.

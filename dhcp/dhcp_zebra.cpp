@@ -21,7 +21,9 @@ zclient_ptr dhcp_zc;
 #define NODE_DATA_TEXT "(node)->data != ((void *)0)"
 #define ADDRNODE_DATA_TEXT "(addrnode)->data != ((void *)0)"
 
-bool events_debug() { return dhcp_debug_on(DHCP_DEBUG_EVENTS); }
+bool events_debug() {
+    return dhcp_debug_on(DHCP_DEBUG_EVENTS);
+}
 
 // The network (masked) of an IPv4 prefix.
 prefix network_of(const prefix *p) {
@@ -48,7 +50,9 @@ bool pool_has_network(const dhcps_pool *pool, const prefix &net) {
     return prefix_same(&own, &net) == 1;
 }
 
-void zebra_connected(zclient *zc) { zclient_send_requests(zc, VRF_DEFAULT); }
+void zebra_connected(zclient *zc) {
+    zclient_send_requests(zc, VRF_DEFAULT);
+}
 
 int interface_add(int, zclient *zc, std::uint16_t, vrf_id_t vrf_id) {
     interface *ifp = zebra_interface_add_read(zc->ibuf.get(), vrf_id);
@@ -56,8 +60,8 @@ int interface_add(int, zclient *zc, std::uint16_t, vrf_id_t vrf_id) {
         return 0;
     }
     if (events_debug()) {
-        zlog_debug("interface add %s index %d flags %llx metric %d mtu %d", ifp->name,
-                   ifp->ifindex, static_cast<unsigned long long>(ifp->flags), ifp->metric,
+        zlog_debug("interface add %s index %d flags %llx metric %d mtu %d", ifp->name, ifp->ifindex,
+                   static_cast<unsigned long long>(ifp->flags), ifp->metric,
                    static_cast<int>(ifp->mtu));
     }
     dhcp_attach_pool_by_intf(ifp);
@@ -112,7 +116,9 @@ int interface_down(int, zclient *zc, std::uint16_t, vrf_id_t vrf_id) {
     return 0;
 }
 
-const char *ifname(const connected *c) { return c->ifp ? c->ifp->name : ""; }
+const char *ifname(const connected *c) {
+    return c->ifp ? c->ifp->name : "";
+}
 
 int interface_address_add(int command, zclient *zc, std::uint16_t, vrf_id_t vrf_id) {
     connected *c = zebra_interface_address_read(command, zc->ibuf.get(), vrf_id);
@@ -161,9 +167,13 @@ void dhcp_zebra_init(thread_master *master) {
     zclient_init(zc, DHCP_ROUTE_TYPE);
 }
 
-void dhcp_zebra_terminate() { dhcp_zc.reset(); }
+void dhcp_zebra_terminate() {
+    dhcp_zc.reset();
+}
 
-zclient *dhcp_zclient() { return dhcp_zc.get(); }
+zclient *dhcp_zclient() {
+    return dhcp_zc.get();
+}
 
 void dhcp_attach_pool(interface *ifp, const prefix *prefix) {
     if (prefix == nullptr || prefix->family != AF_INET) {

@@ -6,8 +6,9 @@
 // the insertion point (first record with a MAC), the first expired record
 // and the first record with a zero MAC or address are found by one descent,
 // and two records are ordered by their ranks. MAC and address lookups go
-// through hash maps whose entries head a chain of the records sharing the
-// key, kept in table order; an order-statistics tree over (expires, uid)
+// through open-addressing tables whose slots hold the first record with the
+// key (and its expiry); further records with the same key hang off it in a
+// chain kept in table order. An order-statistics tree over (expires, uid)
 // counts the expired records.
 #include "dhcp/dhcps_leases.h"
 
@@ -94,13 +95,120 @@ std::uint64_t random_seed() {
     return seed;
 }
 
-// MACs come from clients: a keyed mix keeps them from piling into one bucket.
-struct keyed_hash {
+// MACs come from clients: a keyed mix keeps them from piling into one place.
+struct mac_home {
     std::uint64_t key;
-    std::size_t operator()(std::uint64_t v) const noexcept {
-        std::uint64_t s = v ^ key;
+    std::size_t operator()(std::uint64_t mac) const noexcept {
+        std::uint64_t s = mac ^ key;
         return static_cast<std::size_t>(splitmix64(s));
     }
+};
+
+// Sixteen consecutive addresses share one run of slots, so the free-address
+// search walks the table's memory in order; the runs themselves are spread
+// by a keyed mix, so ranges of different pools don't pile up.
+struct nip_home {
+    std::uint64_t key;
+    std::size_t operator()(std::uint32_t nip) const noexcept {
+        const std::uint32_t host = ntohl(nip);
+        std::uint64_t s = (host >> 0) ^ key;
+        return static_cast<std::size_t>(splitmix64(s) << 0) | (host & 0u);
+    }
+};
+
+struct lease_node;
+
+// Open addressing with linear probing; key 0 marks a free slot (records with
+// a zero MAC or address are found through the treap instead).
+template <typename Key, typename Home>
+class flat_index {
+public:
+    using key_type = Key;
+    struct slot {
+        Key key = 0;
+        std::int32_t expires = 0;  // of `head`
+        lease_node *head = nullptr;
+    };
+
+    explicit flat_index(Home home) : home_(home) {}
+
+    const slot *find(Key k) const {
+        if (count_ == 0 || k == 0) {
+            return nullptr;
+        }
+        for (std::size_t i = home_(k) & mask_;; i = (i + 1) & mask_) {
+            const slot &s = slots_[i];
+            if (s.key == k) {
+                return &s;
+            }
+            if (s.key == 0) {
+                return nullptr;
+            }
+        }
+    }
+    slot *find(Key k) { return const_cast<slot *>(std::as_const(*this).find(k)); }
+
+    // The slot of `k`, made with no head when absent. Valid until the next
+    // insertion or erasure.
+    slot &get(Key k) {
+        if ((count_ + 1) * 2 > slots_.size()) {
+            rehash(std::max<std::size_t>(16, slots_.size() * 2));
+        }
+        std::size_t i = home_(k) & mask_;
+        while (slots_[i].key != 0 && slots_[i].key != k) {
+            i = (i + 1) & mask_;
+        }
+        if (slots_[i].key == 0) {
+            slots_[i].key = k;
+            ++count_;
+        }
+        return slots_[i];
+    }
+
+    // Backward-shift deletion: no tombstones, probes stay short.
+    void erase(slot &gone) {
+        std::size_t i = static_cast<std::size_t>(&gone - slots_.data());
+        for (std::size_t j = (i + 1) & mask_; slots_[j].key != 0; j = (j + 1) & mask_) {
+            const std::size_t h = home_(slots_[j].key) & mask_;
+            // The entry at j may fill the hole at i unless its home lies
+            // cyclically in (i, j].
+            const bool stays = i <= j ? (h > i && h <= j) : (h > i || h <= j);
+            if (!stays) {
+                slots_[i] = slots_[j];
+                i = j;
+            }
+        }
+        slots_[i] = slot{};
+        --count_;
+    }
+
+    void clear() {
+        slots_.clear();
+        slots_.shrink_to_fit();
+        mask_ = 0;
+        count_ = 0;
+    }
+
+private:
+    void rehash(std::size_t size) {
+        std::vector<slot> old(size);
+        old.swap(slots_);
+        mask_ = size - 1;
+        for (const slot &s : old) {
+            if (s.key != 0) {
+                std::size_t i = home_(s.key) & mask_;
+                while (slots_[i].key != 0) {
+                    i = (i + 1) & mask_;
+                }
+                slots_[i] = s;
+            }
+        }
+    }
+
+    Home home_;
+    std::vector<slot> slots_;
+    std::size_t mask_ = 0;
+    std::size_t count_ = 0;
 };
 
 struct chain_link {
@@ -141,7 +249,7 @@ using expiry_tree = __gnu_pbds::tree<expiry_key, __gnu_pbds::null_type, std::les
 class lease_table {
 public:
     lease_table()
-        : seed_(random_seed()), mac_heads_(0, keyed_hash{seed_}), nip_heads_(0, keyed_hash{~seed_}) {}
+        : seed_(random_seed()), mac_heads_(mac_home{seed_}), nip_heads_(nip_home{~seed_}) {}
     lease_table(const lease_table &) = delete;
     lease_table &operator=(const lease_table &) = delete;
 
@@ -211,6 +319,8 @@ public:
         n->exp_idx = expires;
         expiry_.insert({expires, n->uid});
         pull_up(n);
+        refresh_head(mac_heads_, &lease_node::mac_chain, n, n->mac_idx);
+        refresh_head(nip_heads_, &lease_node::nip_chain, n, n->nip_idx);
     }
 
     lease_node *first_by_mac(const std::uint8_t *mac) const {
@@ -219,8 +329,8 @@ public:
             return descend([](const lease_node *s) { return s->size - s->macs; },
                            [](const lease_node *s) { return s->mac_idx == 0; });
         }
-        auto it = mac_heads_.find(k);
-        return it == mac_heads_.end() ? nullptr : it->second;
+        const auto *s = mac_heads_.find(k);
+        return s ? s->head : nullptr;
     }
 
     lease_node *first_by_nip(std::uint32_t nip) const {
@@ -228,8 +338,15 @@ public:
             return descend([](const lease_node *s) { return s->zero_nips; },
                            [](const lease_node *s) { return s->nip_idx == 0; });
         }
-        auto it = nip_heads_.find(nip);
-        return it == nip_heads_.end() ? nullptr : it->second;
+        const auto *s = nip_heads_.find(nip);
+        return s ? s->head : nullptr;
+    }
+
+    // The first record with a non-zero address and its expiry, read from
+    // the index alone (the search looks at thousands of them).
+    std::pair<lease_node *, std::int32_t> first_by_nip_with_expiry(std::uint32_t nip) const {
+        const auto *s = nip_heads_.find(nip);
+        return s ? std::pair{s->head, s->expires} : std::pair<lease_node *, std::int32_t>{};
     }
 
     // First record in table order whose expiry lies before `now`.
@@ -385,24 +502,27 @@ private:
         pull_up(p);
     }
 
-    template <typename Map>
-    static void chain_link_in(Map &heads, chain_link lease_node::*link, lease_node *n,
-                              typename Map::key_type key) {
+    template <typename Index>
+    static void chain_link_in(Index &heads, chain_link lease_node::*link, lease_node *n,
+                              typename Index::key_type key) {
         (n->*link) = chain_link{};
         if (key == 0) {
             return;
         }
-        auto [it, fresh] = heads.try_emplace(key, n);
-        if (fresh) {
+        auto &slot = heads.get(key);
+        lease_node *cur = slot.head;
+        if (cur == nullptr) {
+            slot.head = n;
+            slot.expires = n->exp_idx;
             return;
         }
         // Another record has this key: keep the chain in table order.
         const std::uint32_t r = rank(n);
-        lease_node *cur = it->second;
         if (r < rank(cur)) {
             (n->*link).next = cur;
             (cur->*link).prev = n;
-            it->second = n;
+            slot.head = n;
+            slot.expires = n->exp_idx;
             return;
         }
         while ((cur->*link).next != nullptr && rank((cur->*link).next) < r) {
@@ -416,29 +536,38 @@ private:
         (cur->*link).next = n;
     }
 
-    template <typename Map>
-    static void chain_unlink(Map &heads, chain_link lease_node::*link, lease_node *n,
-                             typename Map::key_type key) {
+    template <typename Index>
+    static void chain_unlink(Index &heads, chain_link lease_node::*link, lease_node *n,
+                             typename Index::key_type key) {
         if (key == 0) {
             return;
         }
         chain_link &l = n->*link;
         if (l.prev != nullptr) {
             (l.prev->*link).next = l.next;
-        } else {
-            auto it = heads.find(key);
-            if (it != heads.end()) {
-                if (l.next != nullptr) {
-                    it->second = l.next;
-                } else {
-                    heads.erase(it);
-                }
+        } else if (auto *slot = heads.find(key)) {
+            if (l.next != nullptr) {
+                slot->head = l.next;
+                slot->expires = l.next->exp_idx;
+            } else {
+                heads.erase(*slot);
             }
         }
         if (l.next != nullptr) {
             (l.next->*link).prev = l.prev;
         }
         l = chain_link{};
+    }
+
+    // A chain's head carries its expiry into the index.
+    template <typename Index>
+    static void refresh_head(Index &heads, chain_link lease_node::*link, lease_node *n,
+                             typename Index::key_type key) {
+        if (key != 0 && (n->*link).prev == nullptr) {
+            if (auto *slot = heads.find(key)) {
+                slot->expires = n->exp_idx;
+            }
+        }
     }
 
     std::uint64_t seed_;
@@ -448,8 +577,8 @@ private:
     lease_node *root_ = nullptr;
     lease_node *head_ = nullptr;
     lease_node *tail_ = nullptr;
-    std::unordered_map<std::uint64_t, lease_node *, keyed_hash> mac_heads_;
-    std::unordered_map<std::uint32_t, lease_node *, keyed_hash> nip_heads_;
+    flat_index<std::uint64_t, mac_home> mac_heads_;
+    flat_index<std::uint32_t, nip_home> nip_heads_;
     expiry_tree expiry_;
 };
 
@@ -720,7 +849,9 @@ std::uint32_t dhcps_free_ip(interface *ifp, dhcps_pool *pool, const std::uint8_t
     std::sort(statics.begin(), statics.end());
     auto next_static = statics.cbegin();
 
-    const dhcps_lease *oldest = nullptr;
+    lease_table &t = table();
+    lease_node *oldest = nullptr;
+    std::int32_t oldest_expires = 0;
     // 64 bits so a range ending at 255.255.255.255 still ends.
     for (std::uint64_t wide = pool->begin_ip; wide <= pool->end_ip; ++wide) {
         const auto a = static_cast<std::uint32_t>(wide);
@@ -735,21 +866,22 @@ std::uint32_t dhcps_free_ip(interface *ifp, dhcps_pool *pool, const std::uint8_t
             (next_static != statics.cend() && *next_static == a)) {
             continue;
         }
-        const dhcps_lease *lease = dhcps_find_lease_by_nip(nip);
+        const auto [lease, expires] = t.first_by_nip_with_expiry(nip);
         if (lease == nullptr) {
             zlog_info("get free IP address: %#x", a);
             return nip;
         }
-        if (oldest == nullptr || dhcps_lease_expires(lease) < dhcps_lease_expires(oldest)) {
+        if (oldest == nullptr || expires < oldest_expires) {
             oldest = lease;
+            oldest_expires = expires;
         }
     }
 
     // Hands the oldest expired address out only when the probe found another
     // owner (and a reservation has just replaced its lease); an address the
     // probe finds free is not given. Deliberately so.
-    if (oldest != nullptr && dhcps_lease_expired(oldest) == 1 && ifp != nullptr) {
-        const std::uint32_t nip = dhcps_lease_nip(oldest);
+    if (oldest != nullptr && dhcps_lease_expired(&oldest->rec) == 1 && ifp != nullptr) {
+        const std::uint32_t nip = dhcps_lease_nip(&oldest->rec);
         if (dhcps_reserve_check(ifp, pool, nip, client_mac) == 0) {
             return nip;
         }
@@ -767,7 +899,7 @@ void dhcps_write_leases(const char *path) {
     // records go to a file beside it which is flushed and renamed over it,
     // so the file is always the old one or the new one. Mode as ever 0666.
     const std::string target = path;
-    const std::string temp = target;
+    const std::string temp = target + ".tmp";
     dhcp_unique_fd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
     if (!fd) {
         return;

@@ -139,7 +139,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     }
     std::uint32_t first = 0;
     std::uint32_t second = 0;
-    for (const std::uint8_t code : {DHCP_ROUTER, DHCP_DNS_SERVER, DHCP_DOMAIN_NAME, DHCP_WINS_SERVER}) {
+    for (const std::uint8_t code :
+         {DHCP_ROUTER, DHCP_DNS_SERVER, DHCP_DOMAIN_NAME, DHCP_WINS_SERVER}) {
         (void)dhcp_get_option_value(list, code, &first, &second);
     }
     // What the codec reads back from the reply is always a well-bounded value.

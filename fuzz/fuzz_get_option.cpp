@@ -27,8 +27,8 @@ struct Area {
 // A second reading of the search, by offsets: where the value of the first
 // `code` lies, or nullptr.
 const std::uint8_t *reference_get(const dhcp_packet &p, std::uint8_t code) {
-    const Area areas[3] = {{p.options, sizeof p.options}, {p.file, sizeof p.file},
-                           {p.sname, sizeof p.sname}};
+    const Area areas[3] = {
+        {p.options, sizeof p.options}, {p.file, sizeof p.file}, {p.sname, sizeof p.sname}};
     bool file_done = false;
     bool sname_done = false;
     unsigned overload = 0;

@@ -50,6 +50,14 @@ void vzlog(zlog *zl, int priority, const char *format, va_list args) {
     while (n > 0 && (text[n - 1] == '\n' || text[n - 1] == '\r')) {
         text[--n] = '\0';
     }
+    // Some messages carry raw bytes (option contents); one message stays one
+    // readable line.
+    for (std::size_t i = 0; i < n; ++i) {
+        auto c = static_cast<unsigned char>(text[i]);
+        if (c < 0x20 || c == 0x7f) {
+            text[i] = '.';
+        }
+    }
     int level = priority & 7;
     if (line_hook) {
         line_hook(level, text);

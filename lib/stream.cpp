@@ -67,11 +67,21 @@ void stream_reset(stream *s) {
     }
 }
 
-std::size_t stream_get_getp(const stream *s) { return s ? s->getp : 0; }
-std::size_t stream_get_endp(const stream *s) { return s ? s->endp : 0; }
-std::size_t stream_get_size(const stream *s) { return s ? s->data.size() : 0; }
-std::size_t stream_readable(const stream *s) { return s ? s->endp - s->getp : 0; }
-bool stream_failed(const stream *s) { return s == nullptr || s->failed; }
+std::size_t stream_get_getp(const stream *s) {
+    return s ? s->getp : 0;
+}
+std::size_t stream_get_endp(const stream *s) {
+    return s ? s->endp : 0;
+}
+std::size_t stream_get_size(const stream *s) {
+    return s ? s->data.size() : 0;
+}
+std::size_t stream_readable(const stream *s) {
+    return s ? s->endp - s->getp : 0;
+}
+bool stream_failed(const stream *s) {
+    return s == nullptr || s->failed;
+}
 
 std::span<const std::uint8_t> stream_data(const stream *s) {
     if (s == nullptr) {
@@ -80,10 +90,18 @@ std::span<const std::uint8_t> stream_data(const stream *s) {
     return std::span<const std::uint8_t>(s->data.data(), s->endp);
 }
 
-std::uint8_t stream_getc(stream *s) { return get_be<std::uint8_t>(s); }
-std::uint16_t stream_getw(stream *s) { return get_be<std::uint16_t>(s); }
-std::uint32_t stream_getl(stream *s) { return get_be<std::uint32_t>(s); }
-std::uint64_t stream_getq(stream *s) { return get_be<std::uint64_t>(s); }
+std::uint8_t stream_getc(stream *s) {
+    return get_be<std::uint8_t>(s);
+}
+std::uint16_t stream_getw(stream *s) {
+    return get_be<std::uint16_t>(s);
+}
+std::uint32_t stream_getl(stream *s) {
+    return get_be<std::uint32_t>(s);
+}
+std::uint64_t stream_getq(stream *s) {
+    return get_be<std::uint64_t>(s);
+}
 
 void stream_get(void *dst, stream *s, std::size_t n) {
     if (dst == nullptr) {
@@ -103,10 +121,18 @@ void stream_forward_getp(stream *s, std::size_t n) {
     }
 }
 
-std::size_t stream_putc(stream *s, std::uint8_t v) { return put_be(s, v); }
-std::size_t stream_putw(stream *s, std::uint16_t v) { return put_be(s, v); }
-std::size_t stream_putl(stream *s, std::uint32_t v) { return put_be(s, v); }
-std::size_t stream_putq(stream *s, std::uint64_t v) { return put_be(s, v); }
+std::size_t stream_putc(stream *s, std::uint8_t v) {
+    return put_be(s, v);
+}
+std::size_t stream_putw(stream *s, std::uint16_t v) {
+    return put_be(s, v);
+}
+std::size_t stream_putl(stream *s, std::uint32_t v) {
+    return put_be(s, v);
+}
+std::size_t stream_putq(stream *s, std::uint64_t v) {
+    return put_be(s, v);
+}
 
 std::size_t stream_put(stream *s, const void *src, std::size_t n) {
     if (!can_write(s, n)) {

@@ -67,11 +67,11 @@ std::unique_ptr<connected> &detached() {
 struct zclient_netlink {
     mnl_socket_ptr sock;
     std::uint32_t seq = 0;
-    std::deque<dump_kind> pending;  // dumps still to ask for, one at a time
+    std::deque<dump_kind> pending;   // dumps still to ask for, one at a time
     std::uint32_t inflight_seq = 0;  // 0: no dump running
-    bool resync = false;       // report what the dumps no longer show
-    bool redo = false;         // a dump was interrupted by changes: again
-    bool dump_failed = false;  // a dump of this round was refused
+    bool resync = false;             // report what the dumps no longer show
+    bool redo = false;               // a dump was interrupted by changes: again
+    bool dump_failed = false;        // a dump of this round was refused
     std::set<ifindex_t> seen_links;
     std::set<addr_key> seen_addrs;
     std::vector<std::uint8_t> buf;
@@ -276,8 +276,8 @@ bool nl_open(zclient *zc) {
     nl.sock = std::move(sock);
     nl.inflight_seq = 0;
     nl.pending.clear();
-    nl.buf.assign(std::max<std::size_t>(static_cast<std::size_t>(MNL_SOCKET_BUFFER_SIZE), NL_RECV_MIN),
-                  0);
+    nl.buf.assign(
+        std::max<std::size_t>(static_cast<std::size_t>(MNL_SOCKET_BUFFER_SIZE), NL_RECV_MIN), 0);
     nl.t_read = thread_add_read(zc->master, zclient_netlink_read, zc, fd);
     return true;
 }
@@ -380,7 +380,8 @@ void nl_resync(zclient *zc) {
     nl_close(zc);
     if (!nl_open(zc)) {
         if (zc->nl->t_retry == nullptr) {
-            zc->nl->t_retry = thread_add_timer(zc->master, zclient_retry, zc, ZCLIENT_RETRY_SECONDS);
+            zc->nl->t_retry =
+                thread_add_timer(zc->master, zclient_retry, zc, ZCLIENT_RETRY_SECONDS);
         }
         return;
     }
@@ -467,8 +468,22 @@ void nl_link(zclient *zc, const nlmsghdr *nlh) {
 
     if (nlh->nlmsg_type == RTM_DELLINK) {
         if (known != nullptr) {
-            std::memcpy(z.name, known->name, sizeof z.name);
-            emit_interface(zc, ZEBRA_INTERFACE_DELETE, z);
+            // Addresses the kernel did not withdraw first go before their
+            // interface, so none is left behind on a deleted one.
+            std::vector<zapi_address> left;
+            for (const auto &c : known->connected) {
+                if (c && c->address) {
+                    left.push_back(zapi_from(known, c.get()));
+                }
+            }
+            for (const zapi_address &gone : left) {
+                emit_address(zc, ZEBRA_INTERFACE_ADDRESS_DELETE, gone);
+            }
+            known = if_lookup_by_index(ifi.ifi_index);
+            if (known != nullptr) {
+                std::memcpy(z.name, known->name, sizeof z.name);
+                emit_interface(zc, ZEBRA_INTERFACE_DELETE, z);
+            }
         }
         return;
     }
@@ -674,12 +689,12 @@ int zclient_netlink_read(thread *t) {
         if (from.nl_pid != 0) {
             continue;  // only the kernel speaks on this socket
         }
-        zclient_netlink_input(zc, std::span<const std::uint8_t>(nl.buf.data(),
-                                                                 static_cast<std::size_t>(n)));
+        zclient_netlink_input(
+            zc, std::span<const std::uint8_t>(nl.buf.data(), static_cast<std::size_t>(n)));
     }
     if (nl.sock && nl.t_read == nullptr) {
-        nl.t_read = thread_add_read(zc->master, zclient_netlink_read, zc,
-                                    mnl_socket_get_fd(nl.sock.get()));
+        nl.t_read =
+            thread_add_read(zc->master, zclient_netlink_read, zc, mnl_socket_get_fd(nl.sock.get()));
     }
     return 0;
 }
@@ -746,7 +761,9 @@ void zclient_stop(zclient *zc) {
     nl_close(zc);
 }
 
-int zclient_connected(const zclient *zc) { return (zc != nullptr && zc->nl->sock) ? 1 : 0; }
+int zclient_connected(const zclient *zc) {
+    return (zc != nullptr && zc->nl->sock) ? 1 : 0;
+}
 
 int zclient_send_requests(zclient *zc, vrf_id_t vrf_id) {
     if (zc == nullptr || !zc->nl->sock) {
@@ -932,7 +949,8 @@ connected *zebra_interface_address_read(int command, stream *s, vrf_id_t) {
         return nullptr;
     }
     if (command == ZEBRA_INTERFACE_ADDRESS_ADD) {
-        bool has_dest = std::any_of(d.u.val, d.u.val + bytes, [](std::uint8_t b) { return b != 0; });
+        bool has_dest =
+            std::any_of(d.u.val, d.u.val + bytes, [](std::uint8_t b) { return b != 0; });
         return connected_add(ifp, flags, &p, has_dest ? &d : nullptr);
     }
     if (command != ZEBRA_INTERFACE_ADDRESS_DELETE) {
@@ -950,4 +968,6 @@ connected *zebra_interface_address_read(int command, stream *s, vrf_id_t) {
     return detached().get();
 }
 
-void zclient_release_detached() { detached().reset(); }
+void zclient_release_detached() {
+    detached().reset();
+}

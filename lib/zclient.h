@@ -30,7 +30,9 @@
 //   RTM_NEWLINK, known, IFF_UP falls        -> ZEBRA_INTERFACE_DOWN
 //   RTM_NEWLINK, known, other change        -> table updated, no callback
 //   RTM_NEWLINK, known index, new name      -> DELETE of the old name, then ADD
-//   RTM_DELLINK, known index                -> ZEBRA_INTERFACE_DELETE
+//   RTM_DELLINK, known index                -> ZEBRA_INTERFACE_ADDRESS_DELETE
+//                                              for each address still listed,
+//                                              then ZEBRA_INTERFACE_DELETE
 //   RTM_NEWADDR (IPv4, IPv6)                -> ZEBRA_INTERFACE_ADDRESS_ADD
 //                                              (not repeated for an address
 //                                              already known unchanged)
@@ -111,9 +113,9 @@ struct zclient {
     zclient &operator=(const zclient &) = delete;
 
     thread_master *master = nullptr;
-    int enable = 0;          // set by zclient_init
-    int redist_default = 0;  // route type of the daemon
-    int fail = 0;            // failed connection attempts in a row
+    int enable = 0;                // set by zclient_init
+    int redist_default = 0;        // route type of the daemon
+    int fail = 0;                  // failed connection attempts in a row
     std::unique_ptr<stream> ibuf;  // the message being delivered
     std::unique_ptr<stream> obuf;  // scratch for building one
     // Socket receive buffer asked for when the socket opens (bytes).

@@ -72,8 +72,8 @@ bool fdb_open() {
     tv.tv_usec = FDB_TIMEOUT_USEC;
     setsockopt(mnl_socket_get_fd(sock.get()), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
     c.sock = std::move(sock);
-    c.buf.assign(std::max<std::size_t>(static_cast<std::size_t>(MNL_SOCKET_BUFFER_SIZE), FDB_RECV_MIN),
-                 0);
+    c.buf.assign(
+        std::max<std::size_t>(static_cast<std::size_t>(MNL_SOCKET_BUFFER_SIZE), FDB_RECV_MIN), 0);
     return true;
 }
 
@@ -242,9 +242,13 @@ int hal_dhcp_enable(int enable) {
     return 0;
 }
 
-int hal_dhcp_enabled() { return dhcp_trap_state; }
+int hal_dhcp_enabled() {
+    return dhcp_trap_state;
+}
 
-void hal_fdb_force_dump(int on) { chan().get_unsupported = on != 0; }
+void hal_fdb_force_dump(int on) {
+    chan().get_unsupported = on != 0;
+}
 
 int hal_mac_get_port(std::uint16_t vid, const std::uint8_t *mac, std::uint32_t *port) {
     if (port != nullptr) {

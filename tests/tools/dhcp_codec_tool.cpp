@@ -252,7 +252,7 @@ std::string Session::run(const std::string &line) {
                        to_hex(v, v[-1]);
             } else if (!logs.empty()) {
                 absent = logs.back().second.find("malformed") != std::string::npos ? "malformed"
-                                                                                    : "notfound";
+                                                                                   : "notfound";
             }
         }
         logs.clear();
@@ -264,7 +264,8 @@ std::string Session::run(const std::string &line) {
         in >> code;
         std::uint32_t first = 0;
         std::uint32_t second = 0;
-        const int rc = dhcp_get_option_value(list, static_cast<std::uint8_t>(code), &first, &second);
+        const int rc =
+            dhcp_get_option_value(list, static_cast<std::uint8_t>(code), &first, &second);
         return "ok " + std::to_string(rc) + " " +
                to_hex(reinterpret_cast<const std::uint8_t *>(&first), 4) + " " +
                to_hex(reinterpret_cast<const std::uint8_t *>(&second), 4);
@@ -273,8 +274,8 @@ std::string Session::run(const std::string &line) {
         return "ok " + std::to_string(dhcp_end_option(packet.options));
     }
     if (cmd == "dump") {
-        const int end = std::min(dhcp_end_option(packet.options),
-                                 static_cast<int>(DHCP_OPTIONS_AREA) - 1);
+        const int end =
+            std::min(dhcp_end_option(packet.options), static_cast<int>(DHCP_OPTIONS_AREA) - 1);
         return "ok " + to_hex(reinterpret_cast<const std::uint8_t *>(&packet),
                               DHCP_FIXED_SIZE + static_cast<std::size_t>(end) + 1);
     }

@@ -91,7 +91,8 @@ int main(int argc, char **argv) {
         std::printf("log %d %.*s\n", prio, static_cast<int>(text.size()), text.data());
     });
 
-    const int end = std::min(dhcp_end_option(packet.options), static_cast<int>(DHCP_OPTIONS_AREA) - 1);
+    const int end =
+        std::min(dhcp_end_option(packet.options), static_cast<int>(DHCP_OPTIONS_AREA) - 1);
     std::printf("msg ");
     const auto *bytes = reinterpret_cast<const std::uint8_t *>(&packet);
     for (std::size_t i = 0; i < DHCP_FIXED_SIZE + static_cast<std::size_t>(end) + 1; i++) {

@@ -36,24 +36,23 @@ const std::uint8_t kOtherMac[6] = {0x02, 0x00, 0x00, 0x00, 0x00, 0x03};
 TEST(ArpFrame, RequestGoldenBytes) {
     const dhcp_arp_frame f = dhcp_arp_request(htonl(0xc0a80164), htonl(0xc0a80101), kServerMac);
     const auto *b = reinterpret_cast<const std::uint8_t *>(&f);
-    const Bytes expected = {
-        0xff, 0xff, 0xff, 0xff, 0xff, 0xff,  // destination
-        0x02, 0x00, 0x00, 0x00, 0x00, 0x01,  // source
-        0x08, 0x06,                          // ARP
-        0x00, 0x01, 0x08, 0x00, 6, 4,        // Ethernet, IPv4
-        0x00, 0x01,                          // request
-        0x02, 0x00, 0x00, 0x00, 0x00, 0x01,  // sender MAC
-        192, 168, 1, 1,                      // sender IP
-        0, 0, 0, 0, 0, 0,                    // target MAC
-        192, 168, 1, 100,                    // target IP
-        0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
+    const Bytes expected = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff,  // destination
+                            0x02, 0x00, 0x00, 0x00, 0x00, 0x01,  // source
+                            0x08, 0x06,                          // ARP
+                            0x00, 0x01, 0x08, 0x00, 6,    4,     // Ethernet, IPv4
+                            0x00, 0x01,                          // request
+                            0x02, 0x00, 0x00, 0x00, 0x00, 0x01,  // sender MAC
+                            192,  168,  1,    1,                 // sender IP
+                            0,    0,    0,    0,    0,    0,     // target MAC
+                            192,  168,  1,    100,               // target IP
+                            0,    0,    0,    0,    0,    0,    0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0};
     EXPECT_EQ(Bytes(b, b + sizeof f), expected);
 }
 
 // Probes over the loopback device, with an optional responder thread that
 // answers requests for one address from a given MAC.
 class Probe : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         if (geteuid() != 0) {
             GTEST_SKIP() << "packet sockets need privilege";

@@ -79,15 +79,12 @@ TEST_P(InitHeader, OpAndFixedFields) {
     EXPECT_EQ(Bytes(b, b + sizeof p), expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(AllTypes, InitHeader,
-                         ::testing::Values(HeaderCase{DHCPDISCOVER, BOOTREQUEST},
-                                           HeaderCase{DHCPOFFER, BOOTREPLY},
-                                           HeaderCase{DHCPREQUEST, BOOTREQUEST},
-                                           HeaderCase{DHCPDECLINE, BOOTREQUEST},
-                                           HeaderCase{DHCPACK, BOOTREPLY},
-                                           HeaderCase{DHCPNAK, BOOTREPLY},
-                                           HeaderCase{DHCPRELEASE, BOOTREQUEST},
-                                           HeaderCase{DHCPINFORM, BOOTREQUEST}));
+INSTANTIATE_TEST_SUITE_P(
+    AllTypes, InitHeader,
+    ::testing::Values(HeaderCase{DHCPDISCOVER, BOOTREQUEST}, HeaderCase{DHCPOFFER, BOOTREPLY},
+                      HeaderCase{DHCPREQUEST, BOOTREQUEST}, HeaderCase{DHCPDECLINE, BOOTREQUEST},
+                      HeaderCase{DHCPACK, BOOTREPLY}, HeaderCase{DHCPNAK, BOOTREPLY},
+                      HeaderCase{DHCPRELEASE, BOOTREQUEST}, HeaderCase{DHCPINFORM, BOOTREQUEST}));
 
 TEST(InitHeaderLog, AddsMessageTypeThroughTheCodec) {
     std::vector<std::pair<int, std::string>> logs;
@@ -100,8 +97,7 @@ TEST(InitHeaderLog, AddsMessageTypeThroughTheCodec) {
     dhcp_init_header(p, DHCPACK);
     dhcp_debug = 0;
     zlog_set_hook({});
-    EXPECT_EQ(logs, (std::vector<std::pair<int, std::string>>{
-                        {LOG_INFO, "Adding option: 5\x01\x05"}}));
+    EXPECT_EQ(logs, (std::vector<std::pair<int, std::string>>{{LOG_INFO, "Adding option: 5.."}}));
     EXPECT_EQ(dhcp_end_option(p.options), 3);
     ASSERT_NE(dhcp_get_option(&p, DHCP_MESSAGE_TYPE), nullptr);
     EXPECT_EQ(*dhcp_get_option(&p, DHCP_MESSAGE_TYPE), DHCPACK);

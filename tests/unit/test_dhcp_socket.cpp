@@ -28,7 +28,7 @@ using Bytes = std::vector<std::uint8_t>;
 using LogLine = std::pair<int, std::string>;
 
 class Sockets : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         dhcp_debug = 0;
         zlog_set_hook([this](int prio, std::string_view text) { logs.emplace_back(prio, text); });
@@ -40,7 +40,9 @@ protected:
     std::vector<LogLine> logs;
 };
 
-bool is_root() { return geteuid() == 0; }
+bool is_root() {
+    return geteuid() == 0;
+}
 
 std::uint16_t bound_port(int fd) {
     sockaddr_in addr{};
@@ -175,7 +177,7 @@ TEST_F(Sockets, ListenSocketBindFailureIsOnlyLogged) {
 // ---- dhcp_recvmsg --------------------------------------------------------
 
 class Receive : public Sockets {
-protected:
+  protected:
     void SetUp() override {
         Sockets::SetUp();
         fd = dhcp_unique_fd(dhcp_listen_socket(INADDR_ANY, 0, nullptr));
@@ -280,7 +282,7 @@ TEST_F(Receive, MissingOutputsOrBadDescriptor) {
 // ---- dhcp_read_packet ----------------------------------------------------
 
 class ReadPacket : public Sockets {
-protected:
+  protected:
     void SetUp() override {
         Sockets::SetUp();
         int fds[2];
@@ -288,7 +290,9 @@ protected:
         rd = dhcp_unique_fd(fds[0]);
         wr = dhcp_unique_fd(fds[1]);
     }
-    void write_bytes(const Bytes &b) { ASSERT_EQ(write(wr.get(), b.data(), b.size()), static_cast<ssize_t>(b.size())); }
+    void write_bytes(const Bytes &b) {
+        ASSERT_EQ(write(wr.get(), b.data(), b.size()), static_cast<ssize_t>(b.size()));
+    }
     dhcp_unique_fd rd;
     dhcp_unique_fd wr;
 };
@@ -381,7 +385,7 @@ TEST_F(Sockets, KernelSendFailures) {
 
 // Frames seen on the loopback device, IP header first.
 class RawSend : public Sockets {
-protected:
+  protected:
     void SetUp() override {
         if (!is_root()) {
             GTEST_SKIP() << "packet sockets need privilege";

@@ -45,7 +45,7 @@ prefix pfx(const char *text) {
 
 // One rtnetlink datagram, built the way the kernel lays it out.
 class Datagram {
-public:
+  public:
     Datagram &link(std::uint16_t type, int index, const char *name, unsigned flags,
                    unsigned mtu = 1500) {
         nlmsghdr *nlh = begin(type);
@@ -81,7 +81,7 @@ public:
     }
     std::span<const std::uint8_t> bytes() const { return {mem_.data(), used_}; }
 
-private:
+  private:
     nlmsghdr *begin(std::uint16_t type) {
         nlmsghdr *nlh = mnl_nlmsg_put_header(mem_.data() + used_);
         nlh->nlmsg_type = type;
@@ -212,14 +212,15 @@ TEST_F(Tracking, EventTracesAreDebugLinesOfTheEventsBit) {
     feed(Datagram().addr(RTM_DELADDR, 7, "192.168.1.1/24"));
     feed(Datagram().link(RTM_NEWLINK, 7, "vlanif10", IFF_BROADCAST | IFF_MULTICAST, 1400));
     feed(Datagram().link(RTM_DELLINK, 7, "vlanif10", IFF_BROADCAST | IFF_MULTICAST, 1400));
-    EXPECT_EQ(lines(LOG_DEBUG), (Lines{
-                                    "interface add vlanif10 index 7 flags 1002 metric 0 mtu 1500",
-                                    "interface vlanif10 index 7 flags 0x1003 metric 0 mtu 1500 is up",
-                                    "interface vlanif10 address add 192.168.1.1/24",
-                                    "interface vlanif10 address delete 192.168.1.1/24",
-                                    "Interface[vlanif10] state change to down.",
-                                    "interface delete vlanif10 index 7 flags 1002 metric 0 mtu 1400",
-                                }));
+    EXPECT_EQ(lines(LOG_DEBUG),
+              (Lines{
+                  "interface add vlanif10 index 7 flags 1002 metric 0 mtu 1500",
+                  "interface vlanif10 index 7 flags 0x1003 metric 0 mtu 1500 is up",
+                  "interface vlanif10 address add 192.168.1.1/24",
+                  "interface vlanif10 address delete 192.168.1.1/24",
+                  "Interface[vlanif10] state change to down.",
+                  "interface delete vlanif10 index 7 flags 1002 metric 0 mtu 1400",
+              }));
     EXPECT_TRUE(lines(LOG_WARNING).empty());
     EXPECT_EQ(log.size(), 6u);
 }
@@ -383,7 +384,8 @@ TEST_F(Tracking, DeleteDetachesClearsTheIndexAndKeepsTheInterface) {
     expect_detached(p);
     EXPECT_EQ(if_lookup_by_name("vlanif10"), ifp);
     EXPECT_EQ(ifp->ifindex, IFINDEX_INTERNAL);
-    EXPECT_EQ(lines(LOG_DEBUG), Lines{"interface delete vlanif10 index 7 flags 0 metric 0 mtu 1500"});
+    EXPECT_EQ(lines(LOG_DEBUG),
+              Lines{"interface delete vlanif10 index 7 flags 0 metric 0 mtu 1500"});
     EXPECT_TRUE(lines(LOG_WARNING).empty());
     // The kernel makes it again: same record, new index, pool back.
     feed(Datagram().link(RTM_NEWLINK, 21, "vlanif10", kUp));
@@ -399,11 +401,12 @@ TEST_F(Tracking, DeleteWhileUpWarnsAndGoesOn) {
     log.clear();
     feed(Datagram().link(RTM_DELLINK, 7, "vlanif10", kUp));
     ASSERT_EQ(log.size(), 2u);
-    EXPECT_EQ(log[0], std::make_pair(LOG_WARNING,
-                                     std::string("got delete of vlanif10, but interface is still up")));
-    EXPECT_EQ(log[1], std::make_pair(LOG_DEBUG,
-                                     std::string("interface delete vlanif10 index 7 flags 1003 "
-                                                 "metric 0 mtu 1500")));
+    EXPECT_EQ(log[0],
+              std::make_pair(LOG_WARNING,
+                             std::string("got delete of vlanif10, but interface is still up")));
+    EXPECT_EQ(log[1],
+              std::make_pair(LOG_DEBUG, std::string("interface delete vlanif10 index 7 flags 1003 "
+                                                    "metric 0 mtu 1500")));
     expect_detached(p);
     EXPECT_EQ(ifp->ifindex, IFINDEX_INTERNAL);
 
@@ -526,8 +529,9 @@ TEST_F(Tracking, ConnectedCheck) {
     EXPECT_EQ(dhcp_connected_check(b, nip("10.0.0.2")), 0);  // the peer is not ours
     EXPECT_TRUE(log.empty());
     EXPECT_EQ(dhcp_connected_check(nullptr, nip("192.168.1.1")), 0);
-    EXPECT_EQ(log, (std::vector<std::pair<int, std::string>>{
-                       {LOG_WARNING, "The input pointer is NULL!"}}));
+    EXPECT_EQ(
+        log,
+        (std::vector<std::pair<int, std::string>>{{LOG_WARNING, "The input pointer is NULL!"}}));
 }
 
 // ---- list nodes without records ---------------------------------------------------------
@@ -544,8 +548,7 @@ TEST_F(TrackingDeathTest, PoolNodeWithoutRecordStopsTheDaemon) {
     EXPECT_DEATH((push_null_pool(), dhcp_attach_pool(ifp, &a)),
                  "Assertion `\\(node\\)->data != \\(\\(void \\*\\)0\\)' failed in file "
                  "dhcp/dhcp_zebra, line [0-9]+, function dhcp_attach_pool");
-    EXPECT_DEATH((push_null_pool(), dhcp_detach_pool(ifp, &a)),
-                 "function dhcp_detach_pool");
+    EXPECT_DEATH((push_null_pool(), dhcp_detach_pool(ifp, &a)), "function dhcp_detach_pool");
     EXPECT_DEATH((push_null_pool(), dhcp_detach_pool_by_intf(ifp)),
                  "function dhcp_detach_pool_by_intf");
     EXPECT_DEATH((push_null_pool(), dhcp_attach_pool_by_intf(ifp)),
@@ -565,7 +568,9 @@ TEST_F(TrackingDeathTest, AddressNodeWithoutRecordStopsTheDaemon) {
 
 // ---- live: the kernel's own dump attaches the pools ----------------------------------------
 
-int sh(const std::string &cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()); }
+int sh(const std::string &cmd) {
+    return std::system((cmd + " >/dev/null 2>&1").c_str());
+}
 
 TEST_F(Tracking, LiveDumpAndEventsAttachAndDetach) {
     if (unshare(CLONE_NEWNET) != 0 || sh("ip link set lo up") != 0) {

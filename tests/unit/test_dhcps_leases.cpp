@@ -538,9 +538,11 @@ TEST_F(FreeIp, ProbeFindsAddressFreeAndNothingIsOffered) {
 TEST_F(FreeIp, ProbeFindsOwnerTheOldestExpiredAddressIsReservedAndOffered) {
     pool.begin_ip = hip("10.0.0.10");
     pool.end_ip = hip("10.0.0.13");
-    lease_range(10, 10, kNow - 5);
-    lease_range(11, 12, kNow - 10);
-    lease_range(13, 13, kNow + 100);
+    lease_range(10, 13, kNow + 100);
+    // Expiry moved after creation (RELEASE-like), through the setter.
+    dhcps_lease_set_expires(dhcps_find_lease_by_nip(nip("10.0.0.10")), kNow - 5);
+    dhcps_lease_set_expires(dhcps_find_lease_by_nip(nip("10.0.0.12")), kNow - 10);
+    dhcps_lease_set_expires(dhcps_find_lease_by_nip(nip("10.0.0.11")), kNow - 10);
     const auto m = mac(99);
     auto unprivileged_search = [&] {
         if (geteuid() == 0 &&

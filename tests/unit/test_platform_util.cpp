@@ -36,12 +36,12 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(HexCase{"", 16, {}, 0}, HexCase{"00", 16, {0x00}, 0},
                       HexCase{"0aFf10", 16, {0x0a, 0xff, 0x10}, 0},
                       HexCase{"deadBEEF", 16, {0xde, 0xad, 0xbe, 0xef}, 0},
-                      HexCase{"abc", 16, {0xab}, EINVAL},          // lone trailing digit
+                      HexCase{"abc", 16, {0xab}, EINVAL},  // lone trailing digit
                       HexCase{"a", 16, {}, EINVAL},
-                      HexCase{"0g11", 16, {}, EINVAL},             // non-hex digit
-                      HexCase{"11 22", 16, {0x11}, EINVAL},        // no separators
-                      HexCase{"112233", 2, {0x11, 0x22}, E2BIG},   // more text than room
-                      HexCase{"1122", 2, {0x11, 0x22}, 0},         // exactly full
+                      HexCase{"0g11", 16, {}, EINVAL},            // non-hex digit
+                      HexCase{"11 22", 16, {0x11}, EINVAL},       // no separators
+                      HexCase{"112233", 2, {0x11, 0x22}, E2BIG},  // more text than room
+                      HexCase{"1122", 2, {0x11, 0x22}, 0},        // exactly full
                       HexCase{"11", 0, {}, E2BIG}));
 
 std::uint16_t stored(const std::vector<std::uint8_t> &bytes) {

@@ -31,7 +31,7 @@ namespace {
 // ---- crafting rtnetlink datagrams ---------------------------------------------
 
 class Datagram {
-public:
+  public:
     nlmsghdr *begin(std::uint16_t type, std::uint16_t flags = 0, std::uint32_t seq = 0) {
         cur_ = mnl_nlmsg_put_header(mem_.data() + used_);
         cur_->nlmsg_type = type;
@@ -82,7 +82,7 @@ public:
         end();
     }
 
-private:
+  private:
     alignas(8) std::array<std::uint8_t, 16384> mem_{};
     std::size_t used_ = 0;
     nlmsghdr *cur_ = nullptr;
@@ -232,8 +232,8 @@ TEST_F(Client, UpWhenIffUpRisesDownWhenItFallsNothingOtherwise) {
     feed_link(RTM_NEWLINK, 3, "eth0", IFF_UP | IFF_RUNNING, 9000);
     EXPECT_EQ(if_lookup_by_name("eth0")->mtu, 9000u);  // quiet changes still reach the table
     feed_link(RTM_NEWLINK, 3, "eth0", 0);
-    EXPECT_EQ(commands(), (std::vector<int>{ZEBRA_INTERFACE_ADD, ZEBRA_INTERFACE_UP,
-                                            ZEBRA_INTERFACE_DOWN}));
+    EXPECT_EQ(commands(),
+              (std::vector<int>{ZEBRA_INTERFACE_ADD, ZEBRA_INTERFACE_UP, ZEBRA_INTERFACE_DOWN}));
     EXPECT_EQ(if_lookup_by_name("eth0")->flags, 0u);
     EXPECT_EQ(events[1].flags, static_cast<std::uint64_t>(IFF_UP));
 }
@@ -247,11 +247,26 @@ TEST_F(Client, DelLinkOfKnownIndexIsDeleteUnknownIsIgnored) {
     EXPECT_EQ(if_lookup_by_name("ghost"), nullptr);
 }
 
+TEST_F(Client, DelLinkWithdrawsAddressesStillListedFirst) {
+    Datagram d;
+    d.link(RTM_NEWLINK, 4, "vlanif20", IFF_UP);
+    d.addr(RTM_NEWADDR, AF_INET, 4, 24, "192.168.2.1", "192.168.2.1");
+    d.addr(RTM_NEWADDR, AF_INET6, 4, 64, nullptr, "fe80::2");
+    d.addr(RTM_DELADDR, AF_INET6, 4, 64, nullptr, "fe80::2");
+    feed(d);
+    events.clear();
+    feed_link(RTM_DELLINK, 4, "vlanif20", 0);
+    ASSERT_EQ(commands(),
+              (std::vector<int>{ZEBRA_INTERFACE_ADDRESS_DELETE, ZEBRA_INTERFACE_DELETE}));
+    EXPECT_EQ(events[0].address, "192.168.2.1/24");
+    EXPECT_TRUE(if_lookup_by_name("vlanif20")->connected.empty());
+}
+
 TEST_F(Client, RenameIsDeleteOfTheOldNameThenAddOfTheNew) {
     feed_link(RTM_NEWLINK, 5, "eth5", 0);
     feed_link(RTM_NEWLINK, 5, "vlanif5", 0);
-    ASSERT_EQ(commands(), (std::vector<int>{ZEBRA_INTERFACE_ADD, ZEBRA_INTERFACE_DELETE,
-                                            ZEBRA_INTERFACE_ADD}));
+    ASSERT_EQ(commands(),
+              (std::vector<int>{ZEBRA_INTERFACE_ADD, ZEBRA_INTERFACE_DELETE, ZEBRA_INTERFACE_ADD}));
     EXPECT_EQ(events[1].name, "eth5");
     EXPECT_EQ(events[2].name, "vlanif5");
     EXPECT_EQ(if_lookup_by_index(5), if_lookup_by_name("vlanif5"));
@@ -317,8 +332,8 @@ const AddrCase kAddrCases[] = {
      ZEBRA_IFA_PEER},
     {"IPv4 peer network", AF_INET, 30, "172.16.0.1", "172.16.0.2", 0, "172.16.0.1/30",
      "172.16.0.2/30", ZEBRA_IFA_PEER},
-    {"IPv4 secondary", AF_INET, 24, "192.168.1.2", "192.168.1.2", IFA_F_SECONDARY,
-     "192.168.1.2/24", "", ZEBRA_IFA_SECONDARY},
+    {"IPv4 secondary", AF_INET, 24, "192.168.1.2", "192.168.1.2", IFA_F_SECONDARY, "192.168.1.2/24",
+     "", ZEBRA_IFA_SECONDARY},
     {"IPv6 global", AF_INET6, 64, nullptr, "2001:db8::1", 0, "2001:db8::1/64", "", 0},
     {"IPv6 link-local", AF_INET6, 64, nullptr, "fe80::1", 0, "fe80::1/64", "", 0},
     {"IPv6 peer", AF_INET6, 128, "2001:db8::1", "2001:db8::2", 0, "2001:db8::1/128",
@@ -377,8 +392,8 @@ TEST_F(Client, UnchangedAddressIsNotReportedTwiceChangedPeerIsReplaced) {
     Datagram peer;
     peer.addr(RTM_NEWADDR, AF_INET, 2, 24, "192.168.1.1", "192.168.1.9");
     feed(peer);
-    ASSERT_EQ(commands(), (std::vector<int>{ZEBRA_INTERFACE_ADDRESS_DELETE,
-                                            ZEBRA_INTERFACE_ADDRESS_ADD}));
+    ASSERT_EQ(commands(),
+              (std::vector<int>{ZEBRA_INTERFACE_ADDRESS_DELETE, ZEBRA_INTERFACE_ADDRESS_ADD}));
     EXPECT_EQ(events[1].destination, "192.168.1.9/24");
     EXPECT_EQ(if_lookup_by_name("vlanif10")->connected.size(), 2u);
 }
@@ -437,21 +452,22 @@ TEST_F(Client, MalformedMessagesAreSkippedWithoutEffect) {
         {"name without terminator",
          [](Datagram &d) {
              nlmsghdr *nlh = d.begin(RTM_NEWLINK);
-             auto *ifi = static_cast<ifinfomsg *>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
+             auto *ifi =
+                 static_cast<ifinfomsg *>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
              ifi->ifi_index = 9;
              mnl_attr_put(nlh, IFLA_IFNAME, 4, "eth9");
              d.end();
          }},
         {"name longer than the table allows",
          [](Datagram &d) { d.link(RTM_NEWLINK, 9, "abcdefghijklmnopqrstuvwxyz", 0); }},
-        {"empty name",
-         [](Datagram &d) { d.link(RTM_NEWLINK, 9, "", 0); }},
+        {"empty name", [](Datagram &d) { d.link(RTM_NEWLINK, 9, "", 0); }},
         {"no name", [](Datagram &d) { d.link(RTM_NEWLINK, 9, nullptr, 0); }},
         {"negative index", [](Datagram &d) { d.link(RTM_NEWLINK, -3, "eth9", 0); }},
         {"MTU of two bytes",
          [](Datagram &d) {
              nlmsghdr *nlh = d.begin(RTM_NEWLINK);
-             auto *ifi = static_cast<ifinfomsg *>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
+             auto *ifi =
+                 static_cast<ifinfomsg *>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifinfomsg)));
              ifi->ifi_index = 9;
              mnl_attr_put_strz(nlh, IFLA_IFNAME, "eth9");
              mnl_attr_put_u16(nlh, IFLA_MTU, 1500);
@@ -467,7 +483,8 @@ TEST_F(Client, MalformedMessagesAreSkippedWithoutEffect) {
         {"IPv4 address of 16 bytes",
          [](Datagram &d) {
              nlmsghdr *nlh = d.begin(RTM_NEWADDR);
-             auto *ifa = static_cast<ifaddrmsg *>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifaddrmsg)));
+             auto *ifa =
+                 static_cast<ifaddrmsg *>(mnl_nlmsg_put_extra_header(nlh, sizeof(ifaddrmsg)));
              ifa->ifa_family = AF_INET;
              ifa->ifa_prefixlen = 24;
              ifa->ifa_index = 2;
@@ -568,7 +585,8 @@ TEST_F(Client, AddressMessageLayout) {
     ASSERT_EQ(str2prefix("10.0.0.1/30", &z.address), 1);
     ASSERT_EQ(str2prefix("10.0.0.2/30", &z.destination), 1);
     auto s = stream_new(ZEBRA_MAX_PACKET_SIZ);
-    ASSERT_EQ(zapi_address_encode(s.get(), ZEBRA_INTERFACE_ADDRESS_ADD, 0, z), 8u + 4 + 1 + 1 + 4 + 1 + 4);
+    ASSERT_EQ(zapi_address_encode(s.get(), ZEBRA_INTERFACE_ADDRESS_ADD, 0, z),
+              8u + 4 + 1 + 1 + 4 + 1 + 4);
     auto b = stream_data(s.get());
     EXPECT_EQ((std::vector<std::uint8_t>(b.begin() + 8, b.end())),
               (std::vector<std::uint8_t>{0, 0, 0, 2, ZEBRA_IFA_PEER, AF_INET, 10, 0, 0, 1, 30, 10,
@@ -707,7 +725,9 @@ TEST(Stream, AssignTakesAMessageUpToTheCapacity) {
 
 // ---- live, in a network namespace of our own ------------------------------------------
 
-int sh(const std::string &cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()); }
+int sh(const std::string &cmd) {
+    return std::system((cmd + " >/dev/null 2>&1").c_str());
+}
 
 struct Live : Client {
     void SetUp() override {
@@ -815,8 +835,7 @@ TEST_F(Live, OverrunIsLoggedAndResynchronised) {
     run_until([&] { return ipv4_count("d0") == 250; });
     EXPECT_EQ(ipv4_count("d0"), 250u);
     bool warned = std::any_of(log.begin(), log.end(), [](auto &l) {
-        return l.first == LOG_WARNING &&
-               l.second.rfind("rtnetlink receive buffer overrun", 0) == 0;
+        return l.first == LOG_WARNING && l.second.rfind("rtnetlink receive buffer overrun", 0) == 0;
     });
     EXPECT_TRUE(warned);
 
@@ -827,9 +846,10 @@ TEST_F(Live, OverrunIsLoggedAndResynchronised) {
     ASSERT_EQ(sh("ip link add d9 type bridge"), 0);
     run_until([&] { return ipv4_count("d0") == 0 && if_lookup_by_name("d9") != nullptr; });
     EXPECT_EQ(ipv4_count("d0"), 0u);
-    std::size_t deletes = static_cast<std::size_t>(std::count_if(
-        events.begin(), events.end(),
-        [](const Event &e) { return e.command == ZEBRA_INTERFACE_ADDRESS_DELETE && e.found; }));
+    std::size_t deletes =
+        static_cast<std::size_t>(std::count_if(events.begin(), events.end(), [](const Event &e) {
+            return e.command == ZEBRA_INTERFACE_ADDRESS_DELETE && e.found;
+        }));
     EXPECT_EQ(deletes, 250u);
 }
 
