@@ -35,8 +35,12 @@ constexpr std::uint32_t kRangeSize = 16000;
 constexpr std::uint32_t kLowLeases = 1000;
 
 std::array<std::uint8_t, 6> mac_of(std::uint32_t i) {
-    return {2, 0, static_cast<std::uint8_t>(i >> 24), static_cast<std::uint8_t>(i >> 16),
-            static_cast<std::uint8_t>(i >> 8), static_cast<std::uint8_t>(i)};
+    return {2,
+            0,
+            static_cast<std::uint8_t>(i >> 24),
+            static_cast<std::uint8_t>(i >> 16),
+            static_cast<std::uint8_t>(i >> 8),
+            static_cast<std::uint8_t>(i)};
 }
 
 // Usable addresses of the range in ascending order (no .0 or .255).
@@ -125,8 +129,8 @@ void BM_AddLease(benchmark::State &state) {
         // A client's ACK replaces its own lease: one clearing, one creation.
         const std::uint32_t i = order[k++ % n];
         const auto m = mac_of(i);
-        benchmark::DoNotOptimize(dhcps_add_lease(m.data(), htonl(hosts[i]), 3600, kNow + 7200,
-                                                 "client", 6, 1, 1));
+        benchmark::DoNotOptimize(
+            dhcps_add_lease(m.data(), htonl(hosts[i]), 3600, kNow + 7200, "client", 6, 1, 1));
     }
     state.counters["leases"] = static_cast<double>(dhcps_get_leases_num());
 }
@@ -198,19 +202,22 @@ BENCHMARK(BM_FreeIpScan)->Arg(1000)->Arg(5000)->Arg(10240)->Unit(benchmark::kMic
 
 // Keeps each run's time per iteration and per item for the ratios.
 class RatioReporter : public benchmark::ConsoleReporter {
-public:
+  public:
     using ConsoleReporter::ConsoleReporter;
     std::map<std::string, double> per_iteration;
     std::map<std::string, double> per_item;
 
     void ReportRuns(const std::vector<Run> &reports) override {
+        // With repetitions the median stands for the run.
         for (const Run &r : reports) {
-            if (r.run_type != Run::RT_Iteration || r.error_occurred) {
+            const bool median = r.run_type == Run::RT_Aggregate && r.aggregate_name == "median";
+            if (r.error_occurred || (r.run_type != Run::RT_Iteration && !median)) {
                 continue;
             }
-            per_iteration[r.benchmark_name()] = r.GetAdjustedCPUTime();
+            const std::string name = r.run_name.str();
+            per_iteration[name] = r.GetAdjustedCPUTime();
             if (auto it = r.counters.find("items_per_second"); it != r.counters.end()) {
-                per_item[r.benchmark_name()] = 1e9 / it->second.value;
+                per_item[name] = 1e9 / it->second.value;
             }
         }
         ConsoleReporter::ReportRuns(reports);

@@ -96,23 +96,11 @@ std::uint64_t random_seed() {
 }
 
 // MACs come from clients: a keyed mix keeps them from piling into one place.
-struct mac_home {
+struct keyed_home {
     std::uint64_t key;
-    std::size_t operator()(std::uint64_t mac) const noexcept {
-        std::uint64_t s = mac ^ key;
+    std::size_t operator()(std::uint64_t v) const noexcept {
+        std::uint64_t s = v ^ key;
         return static_cast<std::size_t>(splitmix64(s));
-    }
-};
-
-// Sixteen consecutive addresses share one run of slots, so the free-address
-// search walks the table's memory in order; the runs themselves are spread
-// by a keyed mix, so ranges of different pools don't pile up.
-struct nip_home {
-    std::uint64_t key;
-    std::size_t operator()(std::uint32_t nip) const noexcept {
-        const std::uint32_t host = ntohl(nip);
-        std::uint64_t s = (host >> 0) ^ key;
-        return static_cast<std::size_t>(splitmix64(s) << 0) | (host & 0u);
     }
 };
 
@@ -122,7 +110,7 @@ struct lease_node;
 // a zero MAC or address are found through the treap instead).
 template <typename Key, typename Home>
 class flat_index {
-public:
+  public:
     using key_type = Key;
     struct slot {
         Key key = 0;
@@ -189,7 +177,7 @@ public:
         count_ = 0;
     }
 
-private:
+  private:
     void rehash(std::size_t size) {
         std::vector<slot> old(size);
         old.swap(slots_);
@@ -242,14 +230,14 @@ struct lease_node {
 };
 
 using expiry_key = std::pair<std::int32_t, std::uint64_t>;
-using expiry_tree = __gnu_pbds::tree<expiry_key, __gnu_pbds::null_type, std::less<expiry_key>,
-                                     __gnu_pbds::rb_tree_tag,
-                                     __gnu_pbds::tree_order_statistics_node_update>;
+using expiry_tree =
+    __gnu_pbds::tree<expiry_key, __gnu_pbds::null_type, std::less<expiry_key>,
+                     __gnu_pbds::rb_tree_tag, __gnu_pbds::tree_order_statistics_node_update>;
 
 class lease_table {
-public:
+  public:
     lease_table()
-        : seed_(random_seed()), mac_heads_(mac_home{seed_}), nip_heads_(nip_home{~seed_}) {}
+        : seed_(random_seed()), mac_heads_(keyed_home{seed_}), nip_heads_(keyed_home{~seed_}) {}
     lease_table(const lease_table &) = delete;
     lease_table &operator=(const lease_table &) = delete;
 
@@ -269,21 +257,34 @@ public:
         nodes_.clear();
     }
 
-    // A zeroed record placed before the first record that has a MAC.
-    lease_node *create() {
+    // A record placed where a zeroed one goes, before the first record that
+    // has a MAC, and given its MAC (none for nullptr), address and expiry
+    // there: the same as filling a zeroed record in place, in one pass.
+    lease_node *create(const std::uint8_t *mac = nullptr, std::uint32_t nip = 0,
+                       std::int32_t expires = 0) {
         auto owned = std::make_unique<lease_node>();
         lease_node *n = owned.get();
         n->uid = ++uid_;
         n->prio = splitmix64(prio_state_);
         auto it = nodes_.try_emplace(&n->rec, std::move(owned)).first;
         try {
-            expiry_.insert({0, n->uid});
+            expiry_.insert({expires, n->uid});
         } catch (...) {
             nodes_.erase(it);
             throw;
         }
+        store_be32(n->rec.expires, static_cast<std::uint32_t>(expires));
+        n->exp_idx = expires;
+        std::memcpy(n->rec.nip, &nip, 4);
+        n->nip_idx = nip;
+        if (mac != nullptr) {
+            std::memcpy(n->rec.mac, mac, 6);
+            n->mac_idx = mac_key(mac);
+        }
         pull(n);
         link_before(first_with_mac(), n);
+        chain_link_in(mac_heads_, &lease_node::mac_chain, n, n->mac_idx);
+        chain_link_in(nip_heads_, &lease_node::nip_chain, n, n->nip_idx);
         return n;
     }
 
@@ -302,14 +303,6 @@ public:
         std::memcpy(n->rec.mac, mac, 6);
         n->mac_idx = mac_key(mac);
         chain_link_in(mac_heads_, &lease_node::mac_chain, n, n->mac_idx);
-        pull_up(n);
-    }
-
-    void set_nip(lease_node *n, std::uint32_t nip) noexcept {
-        chain_unlink(nip_heads_, &lease_node::nip_chain, n, n->nip_idx);
-        std::memcpy(n->rec.nip, &nip, 4);
-        n->nip_idx = nip;
-        chain_link_in(nip_heads_, &lease_node::nip_chain, n, n->nip_idx);
         pull_up(n);
     }
 
@@ -345,6 +338,10 @@ public:
     // The first record with a non-zero address and its expiry, read from
     // the index alone (the search looks at thousands of them).
     std::pair<lease_node *, std::int32_t> first_by_nip_with_expiry(std::uint32_t nip) const {
+        if (nip == 0) {
+            lease_node *n = first_by_nip(0);
+            return {n, n ? n->exp_idx : 0};
+        }
         const auto *s = nip_heads_.find(nip);
         return s ? std::pair{s->head, s->expires} : std::pair<lease_node *, std::int32_t>{};
     }
@@ -366,11 +363,9 @@ public:
         }
     }
 
-    std::size_t expired_count(std::int32_t now) const {
-        return expiry_.order_of_key({now, 0});
-    }
+    std::size_t expired_count(std::int32_t now) const { return expiry_.order_of_key({now, 0}); }
 
-private:
+  private:
     static std::uint32_t sz(const lease_node *n) { return n ? n->size : 0; }
 
     static void pull(lease_node *n) {
@@ -490,10 +485,10 @@ private:
 
     void unlink_tree(lease_node *n) {
         while (n->left != nullptr || n->right != nullptr) {
-            lease_node *c = n->left == nullptr                               ? n->right
-                            : n->right == nullptr                            ? n->left
+            lease_node *c = n->left == nullptr               ? n->right
+                            : n->right == nullptr            ? n->left
                             : n->left->prio > n->right->prio ? n->left
-                                                                              : n->right;
+                                                             : n->right;
             rotate_up(c);
         }
         lease_node *p = n->parent;
@@ -577,8 +572,8 @@ private:
     lease_node *root_ = nullptr;
     lease_node *head_ = nullptr;
     lease_node *tail_ = nullptr;
-    flat_index<std::uint64_t, mac_home> mac_heads_;
-    flat_index<std::uint32_t, nip_home> nip_heads_;
+    flat_index<std::uint64_t, keyed_home> mac_heads_;
+    flat_index<std::uint32_t, keyed_home> nip_heads_;
     expiry_tree expiry_;
 };
 
@@ -588,9 +583,10 @@ lease_table &table() {
 }
 
 // Allocation failure is the one way to get no record.
-lease_node *new_node() {
+lease_node *new_node(const std::uint8_t *mac = nullptr, std::uint32_t nip = 0,
+                     std::int32_t expires = 0) {
     try {
-        return table().create();
+        return table().create(mac, nip, expires);
     } catch (const std::bad_alloc &) {
         return nullptr;
     }
@@ -606,7 +602,7 @@ const char *ip_text(std::uint32_t nip, char (&buf)[INET_ADDRSTRLEN]) {
     return inet_ntop(AF_INET, &a, buf, sizeof buf);
 }
 
-// Up to the first `count` addresses of option `code`, zero where absent.
+// The first addresses of option `code`, as many as `out` holds; zero where absent.
 void option_addresses(const dhcps_pool *pool, std::uint8_t code, std::span<std::uint32_t> out) {
     std::fill(out.begin(), out.end(), 0u);
     const option_set *o = dhcp_find_option(pool->options, code);
@@ -656,18 +652,40 @@ std::string dir_of(const std::string &path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// A missing record reads as all zero and takes no change.
+bool missing(const void *p) {
+    if (p == nullptr) {
+        zlog_warn("The input pointer is NULL!");
+        return true;
+    }
+    return false;
+}
+
 }  // namespace
 
-std::uint32_t dhcps_lease_state(const dhcps_lease *l) { return load_be32(l->state); }
-std::int32_t dhcps_lease_expires(const dhcps_lease *l) {
-    return static_cast<std::int32_t>(load_be32(l->expires));
+std::uint32_t dhcps_lease_state(const dhcps_lease *l) {
+    return missing(l) ? 0 : load_be32(l->state);
 }
-std::uint32_t dhcps_lease_time(const dhcps_lease *l) { return load_be32(l->lease_time); }
-std::uint32_t dhcps_lease_nip(const dhcps_lease *l) { return nip_of(*l); }
+std::int32_t dhcps_lease_expires(const dhcps_lease *l) {
+    return missing(l) ? 0 : static_cast<std::int32_t>(load_be32(l->expires));
+}
+std::uint32_t dhcps_lease_time(const dhcps_lease *l) {
+    return missing(l) ? 0 : load_be32(l->lease_time);
+}
+std::uint32_t dhcps_lease_nip(const dhcps_lease *l) {
+    return missing(l) ? 0 : nip_of(*l);
+}
 
-void dhcps_lease_set_state(dhcps_lease *l, std::uint32_t state) { store_be32(l->state, state); }
+void dhcps_lease_set_state(dhcps_lease *l, std::uint32_t state) {
+    if (!missing(l)) {
+        store_be32(l->state, state);
+    }
+}
 
 void dhcps_lease_set_expires(dhcps_lease *l, std::int32_t expires) {
+    if (missing(l)) {
+        return;
+    }
     if (lease_node *n = table().find(l)) {
         table().set_expires(n, expires);
     } else {
@@ -676,7 +694,7 @@ void dhcps_lease_set_expires(dhcps_lease *l, std::int32_t expires) {
 }
 
 void dhcps_lease_set_mac(dhcps_lease *l, const std::uint8_t mac[6]) {
-    if (mac == nullptr) {
+    if (missing(l) || missing(mac)) {
         return;
     }
     if (lease_node *n = table().find(l)) {
@@ -686,9 +704,13 @@ void dhcps_lease_set_mac(dhcps_lease *l, const std::uint8_t mac[6]) {
     }
 }
 
-void dhcps_lease_list_init() { table().clear(); }
+void dhcps_lease_list_init() {
+    table().clear();
+}
 
-void dhcps_lease_list_free() { table().clear(); }
+void dhcps_lease_list_free() {
+    table().clear();
+}
 
 dhcps_lease *dhcps_leases_new() {
     lease_node *n = new_node();
@@ -710,8 +732,8 @@ dhcps_lease *dhcps_add_lease(const std::uint8_t *mac, std::uint32_t nip, std::ui
     char name[sizeof(dhcps_lease::hostname)] = {};
     std::size_t name_len = 0;
     if (hostname != nullptr && hostname_len >= 0) {
-        const std::size_t count = std::min<std::size_t>(
-            static_cast<std::size_t>(hostname_len) + 1, sizeof name);
+        const std::size_t count =
+            std::min<std::size_t>(static_cast<std::size_t>(hostname_len) + 1, sizeof name);
         name_len = strnlen(hostname, count);
         std::memcpy(name, hostname, name_len);
     }
@@ -721,7 +743,7 @@ dhcps_lease *dhcps_add_lease(const std::uint8_t *mac, std::uint32_t nip, std::ui
     if (check_max == 1) {
         const std::uint32_t max = dhcps_global.max_lease_num;
         if (static_cast<std::uint32_t>(dhcps_get_active_leases_num()) >= max) {
-            zlog_warn("The lease num exceeds max: %d\n", static_cast<int>(max));
+            zlog_debug("The lease num exceeds max: %d\n", static_cast<int>(max));
             return nullptr;
         }
         if (static_cast<std::uint32_t>(dhcps_get_leases_num()) >= max) {
@@ -734,19 +756,14 @@ dhcps_lease *dhcps_add_lease(const std::uint8_t *mac, std::uint32_t nip, std::ui
         }
     }
 
-    lease_node *n = new_node();
+    lease_node *n = new_node(mac, nip, expires);
     if (n == nullptr) {
         zlog_err("dhcps_leases_new return NULL!\n");
         return nullptr;
     }
     dhcps_lease *lease = &n->rec;
-    dhcps_lease_set_state(lease, state);
-    table().set_expires(n, expires);
+    store_be32(lease->state, state);
     store_be32(lease->lease_time, lease_time);
-    table().set_nip(n, nip);
-    if (mac != nullptr) {
-        table().set_mac(n, mac);
-    }
 
     // Control characters and, read as signed, every byte above 127.
     for (std::size_t i = 0; i < name_len; ++i) {
@@ -757,6 +774,9 @@ dhcps_lease *dhcps_add_lease(const std::uint8_t *mac, std::uint32_t nip, std::ui
 }
 
 void dhcps_lease_free(dhcps_lease *lease) {
+    if (missing(lease)) {
+        return;
+    }
     if (lease_node *n = table().find(lease)) {
         table().erase(n);
     }
@@ -777,6 +797,9 @@ void dhcps_clear_leases(const std::uint8_t *mac, std::uint32_t nip) {
 }
 
 int dhcps_lease_expired(const dhcps_lease *lease) {
+    if (missing(lease)) {
+        return 0;
+    }
     return dhcps_lease_expires(lease) < kq_time_get() ? 1 : 0;
 }
 
@@ -785,7 +808,9 @@ int dhcps_get_active_leases_num() {
     return static_cast<int>(t.size() - t.expired_count(kq_time_get()));
 }
 
-int dhcps_get_leases_num() { return static_cast<int>(table().size()); }
+int dhcps_get_leases_num() {
+    return static_cast<int>(table().size());
+}
 
 int dhcps_delete_an_expired_leases() {
     if (lease_node *n = table().first_expired(kq_time_get())) {
@@ -868,7 +893,7 @@ std::uint32_t dhcps_free_ip(interface *ifp, dhcps_pool *pool, const std::uint8_t
         }
         const auto [lease, expires] = t.first_by_nip_with_expiry(nip);
         if (lease == nullptr) {
-            zlog_info("get free IP address: %#x", a);
+            zlog_debug("get free IP address: %#x", a);
             return nip;
         }
         if (oldest == nullptr || expires < oldest_expires) {
@@ -894,10 +919,10 @@ void dhcps_write_leases(const char *path) {
         zlog_warn("The input pointer is NULL!");
         return;
     }
-    // The live file is never opened for writing: opening it with O_TRUNC
-    // would leave a short or empty file behind a crash or power cut. The
-    // records go to a file beside it which is flushed and renamed over it,
-    // so the file is always the old one or the new one. Mode as ever 0666.
+    // Writing the live file in place (O_TRUNC) would leave a short or empty
+    // file behind a crash or power cut, so the records go to a file beside
+    // it, flushed and renamed over it: the file is always the old one or the
+    // new one. Same mode as ever, 0666 before the umask.
     const std::string target = path;
     const std::string temp = target + ".tmp";
     dhcp_unique_fd fd(::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
@@ -952,7 +977,7 @@ void dhcps_load_leases(const char *path) {
     const std::size_t limit = std::max(dhcps_global.max_lease_num, kLeaseNumCeiling);
     const std::int64_t now = kq_time_get();
     std::array<dhcps_lease, kLoadChunk> chunk;
-    std::size_t records = 0;    // whole records taken from the file
+    std::size_t records = 0;  // whole records taken from the file
     std::size_t no_address = 0;
     std::size_t tail_bytes = 0;
     bool too_many = false;
@@ -996,7 +1021,7 @@ void dhcps_load_leases(const char *path) {
 
     if (too_many) {
         zlog_err("too many leases while loading %s", path);
-        struct stat st{};
+        struct stat st {};
         if (::fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode)) {
             const auto taken = static_cast<long long>(records * sizeof(dhcps_lease));
             zlog_warn("lease file %s: %lld bytes after %zu records ignored", path,
@@ -1080,7 +1105,9 @@ void dhcps_set_lease_file(const char *path) {
     lease_file_path = path != nullptr ? path : DHCPS_LEASE_FILE;
 }
 
-const char *dhcps_lease_file() { return lease_file_path.c_str(); }
+const char *dhcps_lease_file() {
+    return lease_file_path.c_str();
+}
 
 void dhcps_lease_foreach(const std::function<void(const dhcps_lease &)> &fn) {
     for (const lease_node *n = table().head(); n != nullptr;) {

@@ -77,7 +77,17 @@ timeval ms_to_tv(long msec) {
 
 thread_master *thread_master_create() {
     auto m = std::make_unique<thread_master>();
-    m->base.reset(event_base_new());
+    // One-shot read tasks are deleted and re-added on every packet; the
+    // changelist folds that pair into nothing instead of two epoll_ctl calls.
+    std::unique_ptr<event_config, decltype(&event_config_free)> cfg(event_config_new(),
+                                                                    event_config_free);
+    if (cfg) {
+        event_config_set_flag(cfg.get(), EVENT_BASE_FLAG_EPOLL_USE_CHANGELIST);
+        m->base.reset(event_base_new_with_config(cfg.get()));
+    }
+    if (!m->base) {
+        m->base.reset(event_base_new());
+    }
     if (!m->base) {
         return nullptr;
     }

@@ -162,7 +162,11 @@ class Switch:
         self.ns.ip("link", "add", f"vlanif{vid}", "type", "bridge")
         if address:
             self.ns.ip("addr", "add", address, "dev", f"vlanif{vid}")
-        self.ns.ip("link", "set", f"vlanif{vid}", "up")
+        # A switch chip floods unknown unicast to its CPU port too; a Linux
+        # bridge passes flooded frames up to its own device only when
+        # promiscuous. The ARP probe's answers (to the all-zero MAC it sends
+        # from) arrive that way.
+        self.ns.ip("link", "set", f"vlanif{vid}", "promisc", "on", "up")
 
     def port(self, number, vid, mac=None):
         """Adds port swp<number> to vlanif<vid>; returns the host namespace."""

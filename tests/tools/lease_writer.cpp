@@ -25,7 +25,8 @@ constexpr std::int32_t kNow = 1700000000;
 
 void fill(std::uint32_t g, std::uint32_t max_records) {
     dhcps_lease_list_init();
-    const std::uint32_t count = 1 + static_cast<std::uint32_t>((std::uint64_t{g} * 7919) % max_records);
+    const std::uint32_t count =
+        1 + static_cast<std::uint32_t>((std::uint64_t{g} * 7919) % max_records);
     for (std::uint32_t j = 0; j < count; ++j) {
         const std::uint8_t mac[6] = {2,
                                      static_cast<std::uint8_t>(g >> 16),

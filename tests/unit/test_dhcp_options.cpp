@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <syslog.h>
 
+#include <algorithm>
 #include <cstring>
 #include <string>
 #include <tuple>
@@ -41,7 +42,7 @@ dhcp_packet blank_packet() {
 
 // Writes bytes into an area of the packet.
 void put(std::uint8_t *area, std::size_t at, const Bytes &bytes) {
-    std::memcpy(area + at, bytes.data(), bytes.size());
+    std::copy(bytes.begin(), bytes.end(), area + at);
 }
 
 Bytes value_of(const std::uint8_t *value) {

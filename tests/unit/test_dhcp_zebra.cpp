@@ -378,20 +378,38 @@ TEST_F(Tracking, DeleteDetachesClearsTheIndexAndKeepsTheInterface) {
     dhcps_pool *p = pool("p1", "192.168.1.0/24");
     interface *ifp = vlanif10_up();
     feed(Datagram().addr(RTM_NEWADDR, 7, "192.168.1.1/24"));
-    feed(Datagram().link(RTM_NEWLINK, 7, "vlanif10", 0));
     log.clear();
-    feed(Datagram().link(RTM_DELLINK, 7, "vlanif10", 0));
+    // The delete alone, the address still listed: the pool goes with its interface.
+    EXPECT_EQ(deliver_interface(ZEBRA_INTERFACE_DELETE, "vlanif10", 7, 0), 0);
     expect_detached(p);
     EXPECT_EQ(if_lookup_by_name("vlanif10"), ifp);
     EXPECT_EQ(ifp->ifindex, IFINDEX_INTERNAL);
     EXPECT_EQ(lines(LOG_DEBUG),
               Lines{"interface delete vlanif10 index 7 flags 0 metric 0 mtu 1500"});
     EXPECT_TRUE(lines(LOG_WARNING).empty());
-    // The kernel makes it again: same record, new index, pool back.
+    // Made again: same record, new index, pool back through its address.
     feed(Datagram().link(RTM_NEWLINK, 21, "vlanif10", kUp));
     EXPECT_EQ(if_lookup_by_name("vlanif10"), ifp);
     expect_attached(p, ifp, "192.168.1.1");
     EXPECT_EQ(p->ifindex, 21);
+}
+
+TEST_F(Tracking, KernelDeleteWithdrawsLeftoverAddressesFirst) {
+    dhcps_pool *p = pool("p1", "192.168.1.0/24");
+    interface *ifp = vlanif10_up();
+    feed(Datagram().addr(RTM_NEWADDR, 7, "192.168.1.1/24"));
+    feed(Datagram().link(RTM_NEWLINK, 7, "vlanif10", 0));
+    log.clear();
+    feed(Datagram().link(RTM_DELLINK, 7, "vlanif10", 0));
+    EXPECT_EQ(lines(LOG_DEBUG),
+              (Lines{"interface vlanif10 address delete 192.168.1.1/24",
+                     "interface delete vlanif10 index 7 flags 0 metric 0 mtu 1500"}));
+    expect_detached(p);
+    EXPECT_TRUE(ifp->connected.empty());
+    EXPECT_EQ(ifp->ifindex, IFINDEX_INTERNAL);
+    // Made again without an address: nothing to attach.
+    feed(Datagram().link(RTM_NEWLINK, 21, "vlanif10", kUp));
+    expect_detached(p);
 }
 
 TEST_F(Tracking, DeleteWhileUpWarnsAndGoesOn) {
@@ -399,7 +417,7 @@ TEST_F(Tracking, DeleteWhileUpWarnsAndGoesOn) {
     interface *ifp = vlanif10_up();
     feed(Datagram().addr(RTM_NEWADDR, 7, "192.168.1.1/24"));
     log.clear();
-    feed(Datagram().link(RTM_DELLINK, 7, "vlanif10", kUp));
+    EXPECT_EQ(deliver_interface(ZEBRA_INTERFACE_DELETE, "vlanif10", 7, kUp), 0);
     ASSERT_EQ(log.size(), 2u);
     EXPECT_EQ(log[0],
               std::make_pair(LOG_WARNING,
@@ -410,13 +428,14 @@ TEST_F(Tracking, DeleteWhileUpWarnsAndGoesOn) {
     expect_detached(p);
     EXPECT_EQ(ifp->ifindex, IFINDEX_INTERNAL);
 
-    // The warning does not depend on debugging.
+    // From the kernel too, and whether or not debugging is on.
     dhcp_debug = 0;
     feed(Datagram().link(RTM_NEWLINK, 7, "vlanif10", kUp));
     log.clear();
     feed(Datagram().link(RTM_DELLINK, 7, "vlanif10", kUp));
     EXPECT_EQ(log, (std::vector<std::pair<int, std::string>>{
                        {LOG_WARNING, "got delete of vlanif10, but interface is still up"}}));
+    EXPECT_EQ(ifp->ifindex, IFINDEX_INTERNAL);
 }
 
 TEST_F(Tracking, DeleteDetachesOnlyThePoolOfThatInterface) {
@@ -427,10 +446,11 @@ TEST_F(Tracking, DeleteDetachesOnlyThePoolOfThatInterface) {
     interface *b = if_lookup_by_name("vlanif20");
     feed(Datagram().addr(RTM_NEWADDR, 7, "192.168.1.1/24"));
     feed(Datagram().addr(RTM_NEWADDR, 8, "192.168.2.1/24"));
-    feed(Datagram().link(RTM_DELLINK, 8, "vlanif20", 0));
+    EXPECT_EQ(deliver_interface(ZEBRA_INTERFACE_DELETE, "vlanif20", 8, 0), 0);
     expect_attached(p1, a, "192.168.1.1");
     expect_detached(p2);
     EXPECT_EQ(b->ifindex, IFINDEX_INTERNAL);
+    EXPECT_EQ(b->connected.size(), 1u);  // detached through the interface, not the address
 }
 
 TEST_F(Tracking, DeleteHandsABoundInterfaceToTheRelayTeardown) {

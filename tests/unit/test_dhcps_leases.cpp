@@ -50,7 +50,9 @@ std::uint32_t nip(const char *a) {
     return v.s_addr;
 }
 
-std::uint32_t hip(const char *a) { return ntohl(nip(a)); }
+std::uint32_t hip(const char *a) {
+    return ntohl(nip(a));
+}
 
 std::string dotted(std::uint32_t n) {
     char buf[INET_ADDRSTRLEN];
@@ -59,7 +61,9 @@ std::string dotted(std::uint32_t n) {
     return inet_ntop(AF_INET, &a, buf, sizeof buf);
 }
 
-std::array<std::uint8_t, 6> mac(std::uint8_t i) { return {2, 0, 0, 0, 0, i}; }
+std::array<std::uint8_t, 6> mac(std::uint8_t i) {
+    return {2, 0, 0, 0, 0, i};
+}
 
 constexpr std::array<std::uint8_t, 6> kZeroMac{};
 
@@ -144,7 +148,8 @@ struct Leases : ::testing::Test {
     // The table in its order, each record named by its address.
     static std::vector<std::string> walk() {
         std::vector<std::string> w;
-        dhcps_lease_foreach([&w](const dhcps_lease &l) { w.push_back(dotted(dhcps_lease_nip(&l))); });
+        dhcps_lease_foreach(
+            [&w](const dhcps_lease &l) { w.push_back(dotted(dhcps_lease_nip(&l))); });
         return w;
     }
 
@@ -205,6 +210,20 @@ TEST_F(Leases, SettersOnARecordOutsideTheTableOnlyWriteItsBytes) {
     EXPECT_EQ(dhcps_get_leases_num(), 1);
 }
 
+TEST_F(Leases, AMissingRecordIsReportedAndChangesNothing) {
+    client(1, "10.0.0.1");
+    const auto m = mac(1);
+    dhcps_lease_free(nullptr);
+    EXPECT_EQ(dhcps_lease_expired(nullptr), 0);
+    EXPECT_EQ(dhcps_lease_nip(nullptr), 0u);
+    dhcps_lease_set_mac(nullptr, m.data());
+    dhcps_lease_set_mac(dhcps_find_lease_by_mac(m.data()), nullptr);
+    dhcps_lease_set_expires(nullptr, kNow);
+    EXPECT_EQ(texts(), std::vector<std::string>(6, "The input pointer is NULL!"));
+    EXPECT_EQ(dhcps_get_leases_num(), 1);
+    EXPECT_NE(dhcps_find_lease_by_mac(m.data()), nullptr);
+}
+
 // ---- order ----------------------------------------------------------------
 
 TEST_F(Leases, ThreeClientsWalkThirdSecondFirstAndAConflictBetweenWalksFirst) {
@@ -215,10 +234,11 @@ TEST_F(Leases, ThreeClientsWalkThirdSecondFirstAndAConflictBetweenWalksFirst) {
     EXPECT_EQ(walk(), (std::vector<std::string>{"10.0.0.9", "10.0.0.3", "10.0.0.2", "10.0.0.1"}));
 
     dhcps_write_leases(file.c_str());
-    EXPECT_EQ(hex(read_file(file).data(), read_file(file).size()),
-              "000000016553ff1000000e100a000003020000000003686f7374330000000000000000000000000000000000"
-              "000000016553ff1000000e100a000002020000000002686f7374320000000000000000000000000000000000"
-              "000000016553ff1000000e100a000001020000000001686f7374310000000000000000000000000000000000");
+    EXPECT_EQ(
+        hex(read_file(file).data(), read_file(file).size()),
+        "000000016553ff1000000e100a000003020000000003686f7374330000000000000000000000000000000000"
+        "000000016553ff1000000e100a000002020000000002686f7374320000000000000000000000000000000000"
+        "000000016553ff1000000e100a000001020000000001686f7374310000000000000000000000000000000000");
 }
 
 TEST_F(Leases, OrderAfterMixedCreationsDeclinesAndConflicts) {
@@ -247,15 +267,14 @@ TEST_F(Leases, OrderAfterMixedCreationsDeclinesAndConflicts) {
     decline(dhcps_find_lease_by_nip(nip("10.0.0.4")));
     conflict("10.0.0.103");
     EXPECT_EQ(walk(), (std::vector<std::string>{"10.0.0.101", "10.0.0.3", "10.0.0.102", "10.0.0.5",
-                                                "10.0.0.4", "10.0.0.2", "10.0.0.103",
-                                                "10.0.0.1"}));
+                                                "10.0.0.4", "10.0.0.2", "10.0.0.103", "10.0.0.1"}));
     // A MAC-less record first in order answers for the zero MAC.
     EXPECT_EQ(dhcps_lease_nip(dhcps_find_lease_by_mac(kZeroMac.data())), nip("10.0.0.101"));
     // Replacing a client's lease puts the new one at the insertion point.
     client(1, "10.0.0.11");
-    EXPECT_EQ(walk(), (std::vector<std::string>{"10.0.0.101", "10.0.0.3", "10.0.0.102", "10.0.0.5",
-                                                "10.0.0.4", "10.0.0.2", "10.0.0.103",
-                                                "10.0.0.11"}));
+    EXPECT_EQ(walk(),
+              (std::vector<std::string>{"10.0.0.101", "10.0.0.3", "10.0.0.102", "10.0.0.5",
+                                        "10.0.0.4", "10.0.0.2", "10.0.0.103", "10.0.0.11"}));
 }
 
 TEST_F(Leases, LookupsAnswerTheFirstRecordInTableOrder) {
@@ -296,7 +315,8 @@ TEST_F(Leases, AddingReplacesTheRecordsOfTheSameMacAndAddress) {
     client(1, "10.0.0.1");
     client(2, "10.0.0.2");
     const auto m1 = mac(1);
-    dhcps_lease *l = dhcps_add_lease(m1.data(), nip("10.0.0.2"), 7200, kNow + 7200, nullptr, 0, 1, 1);
+    dhcps_lease *l =
+        dhcps_add_lease(m1.data(), nip("10.0.0.2"), 7200, kNow + 7200, nullptr, 0, 1, 1);
     ASSERT_NE(l, nullptr);
     EXPECT_EQ(walk(), (std::vector<std::string>{"10.0.0.2"}));
     EXPECT_EQ(dhcps_lease_time(l), 7200u);
@@ -392,8 +412,7 @@ TEST_F(Leases, HostNameBytesOutsidePrintableAsciiBecomeCarets) {
 
 TEST_F(Leases, AHostNameStopsAtItsNulAndAtTwentyBytes) {
     const auto m = mac(1);
-    dhcps_lease *l =
-        dhcps_add_lease(m.data(), nip("10.0.0.1"), 10, kNow, "abc\0\x01\x01", 6, 0, 1);
+    dhcps_lease *l = dhcps_add_lease(m.data(), nip("10.0.0.1"), 10, kNow, "abc\0\x01\x01", 6, 0, 1);
     EXPECT_EQ(std::string(l->hostname, 20), std::string("abc") + std::string(17, '\0'));
     const char longer[] = "abcdefghijklmnopqrstuvwxyz";
     l = dhcps_add_lease(m.data(), nip("10.0.0.1"), 10, kNow, longer, 26, 0, 1);
@@ -410,7 +429,8 @@ TEST_F(Leases, AHostNameStopsAtItsNulAndAtTwentyBytes) {
 TEST_F(Leases, AddingFromAnotherRecordsBytesIsSafe) {
     dhcps_lease *old = client(1, "10.0.0.1", kNow + 5, 1, "name");
     // The clearing frees `old` before its MAC and name are copied.
-    dhcps_lease *l = dhcps_add_lease(old->mac, nip("10.0.0.1"), 20, kNow + 20, old->hostname, 4, 1, 1);
+    dhcps_lease *l =
+        dhcps_add_lease(old->mac, nip("10.0.0.1"), 20, kNow + 20, old->hostname, 4, 1, 1);
     ASSERT_NE(l, nullptr);
     EXPECT_EQ(dhcps_get_leases_num(), 1);
     EXPECT_EQ(hex(l->mac, 6), "020000000001");
@@ -555,9 +575,10 @@ TEST_F(FreeIp, ProbeFindsOwnerTheOldestExpiredAddressIsReservedAndOffered) {
         const std::vector<std::string> want{
             "can not create raw socket",
             "10.0.0.11 belongs to someone, reserving it for 60 seconds"};
-        const bool ok = got == nip("10.0.0.11") && l != nullptr && hex(l->mac, 6) == "000000000000" &&
-                        dhcps_lease_state(l) == 0 && dhcps_lease_time(l) == 60 &&
-                        dhcps_lease_expires(l) == kNow + 60 && texts() == want;
+        const bool ok = got == nip("10.0.0.11") && l != nullptr &&
+                        hex(l->mac, 6) == "000000000000" && dhcps_lease_state(l) == 0 &&
+                        dhcps_lease_time(l) == 60 && dhcps_lease_expires(l) == kNow + 60 &&
+                        texts() == want;
         for (const auto &t : texts()) {
             std::fprintf(stderr, "%s\n", t.c_str());
         }
@@ -588,7 +609,7 @@ TEST_F(FreeIp, AnEmptyOrInvertedRangeGivesNothing) {
 
 TEST_F(Leases, UncommittedLeasesNeverReachTheFileAndExpiredOnesLeaveTheTable) {
     client(1, "10.0.0.1", kNow + 10, 0);  // an offer
-    conflict("10.0.0.2");                  // a reservation
+    conflict("10.0.0.2");                 // a reservation
     client(3, "10.0.0.3", kNow - 1, 0);   // an expired offer
     client(4, "10.0.0.4", kNow - 1, 1);   // an expired grant: kept and written
     dhcps_write_leases(file.c_str());
@@ -708,8 +729,9 @@ TEST_F(Leases, AShortLastRecordIsIgnoredAndReported) {
                          record(1, kNow, 1, "10.0.0.3", mac(3), "").substr(0, 30));
     dhcps_load_leases(file.c_str());
     EXPECT_EQ(walk(), (std::vector<std::string>{"10.0.0.2", "10.0.0.1"}));
-    EXPECT_EQ(texts(), std::vector<std::string>{"lease file " + file +
-                                                ": 30 trailing bytes ignored (not a whole record)"});
+    EXPECT_EQ(texts(),
+              std::vector<std::string>{"lease file " + file +
+                                       ": 30 trailing bytes ignored (not a whole record)"});
 }
 
 TEST_F(Leases, RecordsWithoutAnAddressAreSkippedAndReported) {
@@ -717,8 +739,8 @@ TEST_F(Leases, RecordsWithoutAnAddressAreSkippedAndReported) {
                          record(1, kNow, 1, "10.0.0.2", mac(2), ""));
     dhcps_load_leases(file.c_str());
     EXPECT_EQ(walk(), std::vector<std::string>{"10.0.0.2"});
-    EXPECT_EQ(texts(),
-              std::vector<std::string>{"lease file " + file + ": 1 records without an address skipped"});
+    EXPECT_EQ(texts(), std::vector<std::string>{"lease file " + file +
+                                                ": 1 records without an address skipped"});
 }
 
 TEST_F(Leases, GarbageLoadsOnlyWholeRecordsWithCleanNames) {
@@ -753,8 +775,12 @@ TEST_F(Leases, GarbageLoadsOnlyWholeRecordsWithCleanNames) {
 TEST_F(Leases, AFileBeyondTheLargestTableStopsAtItsLimit) {
     std::string bytes;
     for (std::uint32_t i = 0; i < 10245; ++i) {
-        std::array<std::uint8_t, 6> m{2, 0, 0, static_cast<std::uint8_t>(i >> 16),
-                                      static_cast<std::uint8_t>(i >> 8), static_cast<std::uint8_t>(i)};
+        std::array<std::uint8_t, 6> m{2,
+                                      0,
+                                      0,
+                                      static_cast<std::uint8_t>(i >> 16),
+                                      static_cast<std::uint8_t>(i >> 8),
+                                      static_cast<std::uint8_t>(i)};
         in_addr a{};
         a.s_addr = htonl(hip("10.0.0.0") + i + 1);
         bytes += record(1, kNow, 1, dotted(a.s_addr).c_str(), m, "");
@@ -770,18 +796,17 @@ TEST_F(Leases, AFileBeyondTheLargestTableStopsAtItsLimit) {
 }
 
 TEST_F(Leases, AHugeFileIsNotReadBeyondTheLimit) {
-    {
-        std::ofstream f(file, std::ios::binary);
-    }
+    { std::ofstream f(file, std::ios::binary); }
     fs::resize_file(file, std::uintmax_t{1} << 30);  // sparse: 1 GiB of zero records
     const auto start = std::chrono::steady_clock::now();
     dhcps_load_leases(file.c_str());
     const auto took = std::chrono::steady_clock::now() - start;
     EXPECT_LT(took, std::chrono::seconds(2));
     EXPECT_EQ(dhcps_get_leases_num(), 0);  // all zero: ended in 1970
-    EXPECT_EQ(texts(), (std::vector<std::string>{
-                           "too many leases while loading " + file,
-                           "lease file " + file + ": 1073291264 bytes after 10240 records ignored"}));
+    EXPECT_EQ(texts(),
+              (std::vector<std::string>{
+                  "too many leases while loading " + file,
+                  "lease file " + file + ": 1073291264 bytes after 10240 records ignored"}));
 }
 
 TEST_F(Leases, AFileThatCannotBeReadIsReported) {
@@ -797,8 +822,8 @@ TEST_F(Leases, LoadingTakesMoreThanTheCurrentMaximum) {
     dhcps_global.max_lease_num = 2048;
     std::string bytes;
     for (std::uint32_t i = 0; i < 3000; ++i) {
-        std::array<std::uint8_t, 6> m{2, 0, 0, 0, static_cast<std::uint8_t>(i >> 8),
-                                      static_cast<std::uint8_t>(i)};
+        std::array<std::uint8_t, 6> m{
+            2, 0, 0, 0, static_cast<std::uint8_t>(i >> 8), static_cast<std::uint8_t>(i)};
         bytes += record(1, kNow, 1, dotted(htonl(hip("10.1.0.0") + i + 1)).c_str(), m, "");
     }
     write_file(file, bytes);
@@ -810,12 +835,12 @@ TEST_F(Leases, LoadingTakesMoreThanTheCurrentMaximum) {
 // ---- truncation -----------------------------------------------------------
 
 TEST_F(Leases, TruncationDropsExpiredThenNewestCommittedAndKeepsHeldOffers) {
-    client(1, "10.0.0.1");                 // committed
-    client(2, "10.0.0.2", kNow - 1);       // committed, expired
-    conflict("10.0.0.3");                  // reservation
-    client(4, "10.0.0.4");                 // committed
-    client(5, "10.0.0.5", kNow + 10, 0);   // offer
-    client(6, "10.0.0.6");                 // committed
+    client(1, "10.0.0.1");                // committed
+    client(2, "10.0.0.2", kNow - 1);      // committed, expired
+    conflict("10.0.0.3");                 // reservation
+    client(4, "10.0.0.4");                // committed
+    client(5, "10.0.0.5", kNow + 10, 0);  // offer
+    client(6, "10.0.0.6");                // committed
     ASSERT_EQ(walk(), (std::vector<std::string>{"10.0.0.3", "10.0.0.6", "10.0.0.5", "10.0.0.4",
                                                 "10.0.0.2", "10.0.0.1"}));
     dhcps_leases_truncate(4);

@@ -69,15 +69,16 @@ struct Model {
     }
 
     void delete_an_expired() {
-        auto it = std::find_if(recs.begin(), recs.end(), [this](const auto &r) { return expired(r); });
+        auto it =
+            std::find_if(recs.begin(), recs.end(), [this](const auto &r) { return expired(r); });
         if (it != recs.end()) {
             recs.erase(it);
         }
     }
 
     // Index of the new record, or -1.
-    int add(const std::uint8_t *mac, std::uint32_t nip, std::uint32_t lease_time,
-            std::int32_t exp, const char *host, int host_len, std::uint32_t state, int check_max) {
+    int add(const std::uint8_t *mac, std::uint32_t nip, std::uint32_t lease_time, std::int32_t exp,
+            const char *host, int host_len, std::uint32_t state, int check_max) {
         clear(mac, nip);
         if (check_max == 1) {
             if (static_cast<std::uint32_t>(active()) >= max) {
@@ -88,8 +89,8 @@ struct Model {
                 return -1;
             }
         }
-        const auto pos = static_cast<std::size_t>(
-            std::find_if(recs.begin(), recs.end(), has_mac) - recs.begin());
+        const auto pos = static_cast<std::size_t>(std::find_if(recs.begin(), recs.end(), has_mac) -
+                                                  recs.begin());
         dhcps_lease r{};
         put_be32(r.state, state);
         put_be32(r.expires, static_cast<std::uint32_t>(exp));
@@ -180,11 +181,12 @@ struct Params {
 };
 
 void PrintTo(const Params &p, std::ostream *os) {
-    *os << "macs " << p.macs << ", addresses " << p.nips << ", max " << p.max << ", seed " << p.seed;
+    *os << "macs " << p.macs << ", addresses " << p.nips << ", max " << p.max << ", seed "
+        << p.seed;
 }
 
 class LeaseModel : public ::testing::TestWithParam<Params> {
-protected:
+  protected:
     std::string dir;
     LeaseModel() {
         openzlog("dhcpd", 21, LOG_NDELAY | LOG_PID, LOG_DAEMON);
@@ -230,7 +232,9 @@ std::array<std::uint8_t, 6> mac_of(int i) {
     return {2, 0, 0, 0, static_cast<std::uint8_t>(i >> 8), static_cast<std::uint8_t>(i)};
 }
 
-std::uint32_t nip_of(int i) { return htonl(0x0a000000u + static_cast<std::uint32_t>(i)); }
+std::uint32_t nip_of(int i) {
+    return htonl(0x0a000000u + static_cast<std::uint32_t>(i));
+}
 
 TEST_P(LeaseModel, AgreesWithTheListStepByStep) {
     const Params p = GetParam();
@@ -332,7 +336,8 @@ TEST_P(LeaseModel, AgreesWithTheListStepByStep) {
             ASSERT_EQ(index_of(after, dhcps_find_lease_by_mac(mac.data())), m.find_mac(mac.data()))
                 << "op " << op;
             const std::uint32_t nip = nip_of(1 + pick(p.nips));
-            ASSERT_EQ(index_of(after, dhcps_find_lease_by_nip(nip)), m.find_nip(nip)) << "op " << op;
+            ASSERT_EQ(index_of(after, dhcps_find_lease_by_nip(nip)), m.find_nip(nip))
+                << "op " << op;
         }
     }
 }
