@@ -234,6 +234,57 @@ using expiry_tree =
     __gnu_pbds::tree<expiry_key, __gnu_pbds::null_type, std::less<expiry_key>,
                      __gnu_pbds::rb_tree_tag, __gnu_pbds::tree_order_statistics_node_update>;
 
+// Which addresses hold at least one record: one bit per address (host
+// order) in 64 Ki-address blocks, so the free-address search steps over 64
+// leased addresses per word instead of probing each.
+class leased_map {
+  public:
+    void set(std::uint32_t host, bool on) {
+        auto &block = blocks_[host >> 16];
+        if (!block) {
+            if (!on) {
+                return;
+            }
+            block = std::make_unique<words>();
+        }
+        const std::uint64_t bit = std::uint64_t{1} << (host & 63u);
+        auto &w = (*block)[(host & 0xffffu) >> 6];
+        w = on ? (w | bit) : (w & ~bit);
+    }
+
+    // Lowest address in [from, to] without a record; to + 1 when none.
+    std::uint64_t first_clear(std::uint64_t from, std::uint64_t to) const {
+        while (from <= to) {
+            auto it = blocks_.find(static_cast<std::uint32_t>(from >> 16));
+            if (it == blocks_.end()) {
+                return from;
+            }
+            const words &b = *it->second;
+            std::uint64_t idx = from & 0xffffu;
+            std::uint64_t free = ~b[idx >> 6] & (~std::uint64_t{0} << (idx & 63u));
+            for (std::size_t w = idx >> 6;;) {
+                if (free != 0) {
+                    std::uint64_t found = (from & ~std::uint64_t{0xffff}) | (w << 6) |
+                                          static_cast<std::uint64_t>(__builtin_ctzll(free));
+                    return found <= to ? found : to + 1;
+                }
+                if (++w == b.size()) {
+                    break;
+                }
+                free = ~b[w];
+            }
+            from = ((from >> 16) + 1) << 16;
+        }
+        return to + 1;
+    }
+
+    void clear() { blocks_.clear(); }
+
+  private:
+    using words = std::array<std::uint64_t, 1024>;
+    std::unordered_map<std::uint32_t, std::unique_ptr<words>> blocks_;
+};
+
 class lease_table {
   public:
     lease_table()
@@ -253,6 +304,7 @@ class lease_table {
         root_ = head_ = tail_ = nullptr;
         mac_heads_.clear();
         nip_heads_.clear();
+        leased_.clear();
         expiry_.clear();
         nodes_.clear();
     }
@@ -285,12 +337,18 @@ class lease_table {
         link_before(first_with_mac(), n);
         chain_link_in(mac_heads_, &lease_node::mac_chain, n, n->mac_idx);
         chain_link_in(nip_heads_, &lease_node::nip_chain, n, n->nip_idx);
+        if (nip != 0) {
+            leased_.set(ntohl(nip), true);
+        }
         return n;
     }
 
     void erase(lease_node *n) noexcept {
         chain_unlink(mac_heads_, &lease_node::mac_chain, n, n->mac_idx);
         chain_unlink(nip_heads_, &lease_node::nip_chain, n, n->nip_idx);
+        if (n->nip_idx != 0 && nip_heads_.find(n->nip_idx) == nullptr) {
+            leased_.set(ntohl(n->nip_idx), false);
+        }
         expiry_.erase({n->exp_idx, n->uid});
         unlink_tree(n);
         (n->prev ? n->prev->next : head_) = n->next;
@@ -364,6 +422,10 @@ class lease_table {
     }
 
     std::size_t expired_count(std::int32_t now) const { return expiry_.order_of_key({now, 0}); }
+
+    std::uint64_t first_unleased(std::uint64_t from, std::uint64_t to) const {
+        return leased_.first_clear(from, to);
+    }
 
   private:
     static std::uint32_t sz(const lease_node *n) { return n ? n->size : 0; }
@@ -575,6 +637,7 @@ class lease_table {
     flat_index<std::uint64_t, keyed_home> mac_heads_;
     flat_index<std::uint32_t, keyed_home> nip_heads_;
     expiry_tree expiry_;
+    leased_map leased_;
 };
 
 lease_table &table() {
@@ -874,32 +937,47 @@ std::uint32_t dhcps_free_ip(interface *ifp, dhcps_pool *pool, const std::uint8_t
     std::sort(statics.begin(), statics.end());
     auto next_static = statics.cbegin();
 
-    lease_table &t = table();
-    lease_node *oldest = nullptr;
-    std::int32_t oldest_expires = 0;
-    // 64 bits so a range ending at 255.255.255.255 still ends.
-    for (std::uint64_t wide = pool->begin_ip; wide <= pool->end_ip; ++wide) {
-        const auto a = static_cast<std::uint32_t>(wide);
+    auto skipped = [&](std::uint32_t a) {
         const std::uint32_t nip = htonl(a);
         const std::uint32_t low = a & 0xffu;
         while (next_static != statics.cend() && *next_static < a) {
             ++next_static;
         }
-        if (low == 0 || low == 255 || nip == pool->server_ip || nip == router[0] ||
-            nip == netbios[0] || nip == dns[0] || nip == dns[1] ||
-            (ifp != nullptr && dhcp_connected_check(ifp, nip) == 1) ||
-            (next_static != statics.cend() && *next_static == a)) {
+        return low == 0 || low == 255 || nip == pool->server_ip || nip == router[0] ||
+               nip == netbios[0] || nip == dns[0] || nip == dns[1] ||
+               (next_static != statics.cend() && *next_static == a) ||
+               (ifp != nullptr && dhcp_connected_check(ifp, nip) == 1);
+    };
+
+    // The lowest candidate without a lease wins: visit only unleased
+    // addresses, the leased ones are stepped over a word at a time.
+    lease_table &t = table();
+    for (std::uint64_t a = t.first_unleased(pool->begin_ip, pool->end_ip); a <= pool->end_ip;
+         a = t.first_unleased(a + 1, pool->end_ip)) {
+        if (!skipped(static_cast<std::uint32_t>(a))) {
+            zlog_debug("get free IP address: %#x", static_cast<std::uint32_t>(a));
+            return htonl(static_cast<std::uint32_t>(a));
+        }
+    }
+
+    // Nothing free. Only the candidate lease expiring first matters now, and
+    // only if it has expired: with no expired lease in the table at all the
+    // answer is known without looking at the range.
+    if (ifp == nullptr || t.expired_count(kq_time_get()) == 0) {
+        return 0;
+    }
+    next_static = statics.cbegin();
+    lease_node *oldest = nullptr;
+    std::int32_t oldest_expires = 0;
+    // 64 bits so a range ending at 255.255.255.255 still ends.
+    for (std::uint64_t wide = pool->begin_ip; wide <= pool->end_ip; ++wide) {
+        const auto a = static_cast<std::uint32_t>(wide);
+        const auto [lease, expires] = t.first_by_nip_with_expiry(htonl(a));
+        if (lease == nullptr || (oldest != nullptr && expires >= oldest_expires) || skipped(a)) {
             continue;
         }
-        const auto [lease, expires] = t.first_by_nip_with_expiry(nip);
-        if (lease == nullptr) {
-            zlog_debug("get free IP address: %#x", a);
-            return nip;
-        }
-        if (oldest == nullptr || expires < oldest_expires) {
-            oldest = lease;
-            oldest_expires = expires;
-        }
+        oldest = lease;
+        oldest_expires = expires;
     }
 
     // Hands the oldest expired address out only when the probe found another

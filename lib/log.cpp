@@ -42,7 +42,24 @@ void write_line(std::FILE *fp, const zlog *zl, int priority, const char *text) {
     std::fflush(fp);
 }
 
+// True when some destination (or the test hook) takes this priority, so a
+// filtered debug line costs a comparison, not a formatting pass.
+bool wanted(const zlog *zl, int level) {
+    if (line_hook || zl == nullptr) {
+        return true;
+    }
+    for (int dest = 0; dest < ZLOG_NUM_DESTS; ++dest) {
+        if (level <= zl->maxlvl[dest] && (dest != ZLOG_DEST_FILE || zl->fp != nullptr)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void vzlog(zlog *zl, int priority, const char *format, va_list args) {
+    if (!wanted(zl, priority & 7)) {
+        return;
+    }
     char text[1024];
     std::vsnprintf(text, sizeof text, format, args);
     // Several messages carry their own trailing newline; one line per message.

@@ -410,7 +410,7 @@ int vty_serv_sock(const char *, unsigned short, const char *path) {
     }
     unique_fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (fd.get() < 0 || ::bind(fd.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0 ||
-        ::chmod(path, 0770) != 0 || ::listen(fd.get(), 16) != 0) {
+        ::chmod(path, 0770) != 0 || ::listen(fd.get(), static_cast<int>(VTY_MAX_SESSIONS)) != 0) {
         zlog_err("vty: can't serve on %s: %s", path, std::strerror(errno));
         return -1;
     }

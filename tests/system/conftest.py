@@ -60,11 +60,15 @@ _MOUNTS = ("mount -t tmpfs tmpfs /var/run && mount -t tmpfs tmpfs /mnt && "
 class Daemon:
     """One dhcpd in its own namespaces; stdout/stderr go to a log file."""
 
-    def __init__(self, ns, logdir, args=(), prelude=""):
+    def __init__(self, ns, logdir, args=(), prelude="", mnt_dir=None):
+        """mnt_dir: a directory bound on /mnt instead of a fresh tmpfs, so
+        the lease file outlives the daemon."""
         self.ns = ns
-        self.log_path = pathlib.Path(logdir) / f"dhcpd-{ns.name}.log"
+        self.log_path = pathlib.Path(logdir) / f"dhcpd-{ns.name}-{time.monotonic_ns()}.log"
         self.log_file = open(self.log_path, "w")
-        script = _MOUNTS + prelude + f'exec {DHCPD} {" ".join(args)}'
+        mounts = _MOUNTS if mnt_dir is None else _MOUNTS.replace(
+            "mount -t tmpfs tmpfs /mnt", f"mount --bind {mnt_dir} /mnt")
+        script = mounts + prelude + f'exec {DHCPD} {" ".join(args)}'
         self.proc = subprocess.Popen(
             ["ip", "netns", "exec", ns.name, "unshare", "--mount", "--propagation", "private",
              "sh", "-c", script],
@@ -110,8 +114,10 @@ class Daemon:
 
     def connect_vty(self):
         s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-        s.settimeout(5)
+        # A blocking connect waits for room in the listen backlog, as the
+        # shell's does; a timed one would fail with EAGAIN under load.
         s.connect(str(self.path("/var/run/dhcp.vty")))
+        s.settimeout(5)
         return s
 
     def signal(self, sig):

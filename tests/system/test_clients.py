@@ -81,11 +81,14 @@ def lease_line(d, ip):
 
 
 def assert_unicast_renewal(cap, client_ip, server_ip):
-    text = "\n".join(cap.lines())
-    assert re.search(rf"IP {re.escape(client_ip)}\.68 > {re.escape(server_ip)}\.67: BOOTP/DHCP, "
-                     r"Request", text), text
-    assert re.search(rf"IP {re.escape(server_ip)}\.67 > {re.escape(client_ip)}\.68: BOOTP/DHCP, "
-                     r"Reply", text), text
+    request = rf"IP {re.escape(client_ip)}\.68 > {re.escape(server_ip)}\.67: BOOTP/DHCP, Request"
+    reply = rf"IP {re.escape(server_ip)}\.67 > {re.escape(client_ip)}\.68: BOOTP/DHCP, Reply"
+    # tcpdump may print the lines a moment after the client has acted on them.
+    seen = lambda: all(re.search(x, "\n".join(cap.lines())) for x in (request, reply))
+    try:
+        wait_until(seen, 5, what="unicast renewal on the wire")
+    except AssertionError:
+        raise AssertionError("\n".join(cap.lines()))
 
 
 UDHCPC_SCRIPT = """#!/bin/sh

@@ -38,7 +38,8 @@ def test_daemon_mode_detaches_and_writes_child_pid(make_daemon):
 
     def pid_written():
         nonlocal pidfile_root
-        out = run(["pgrep", "-x", "dhcpd"], check=False).stdout.split()
+        # Only processes of this test's namespace: other tests run daemons too.
+        out = run(["ip", "netns", "pids", d.ns.name], check=False).stdout.split()
         run_dir = os.path.realpath("/var/run")  # /var/run -> /run here
         for pid in out:
             p = f"/proc/{pid}/root{run_dir}/dhcp.pid"
@@ -55,7 +56,15 @@ def test_daemon_mode_detaches_and_writes_child_pid(make_daemon):
         # The detached daemon is nobody's child: end it ourselves.
         for pid in run(["ip", "netns", "pids", d.ns.name], check=False).stdout.split():
             os.kill(int(pid), signal.SIGTERM)
-    wait_until(lambda: not os.path.exists(f"/proc/{child}"), what="daemon exit")
+    def gone():
+        # Exited: reaped, or a zombie waiting for init to reap it.
+        try:
+            status = open(f"/proc/{child}/status").read()
+        except FileNotFoundError:
+            return True
+        return "\nState:\tZ" in status
+
+    wait_until(gone, 30, what="daemon exit")
 
 
 def test_dhcpsh_runs_commands_and_reports_failure_by_status(daemon):
@@ -144,7 +153,9 @@ def test_two_sessions_keep_their_own_nodes(daemon):
 def test_hostile_vty_input_leaves_daemon_serving(daemon):
     # A 1 MiB line without its terminator, then the terminator.
     s = daemon.connect_vty()
+    s.settimeout(None)  # a blocking send: the daemon reads it at its own pace
     s.sendall(b"X" + b"a" * (1 << 20) + b"\0")
+    s.settimeout(10)
     text, code, _ = vty_read_reply(s)
     assert code == 1 and "too long" in text
     text, code, _ = vty_request(s, "show debugging dhcp")

@@ -138,7 +138,6 @@ TEST_F(Loop, ThreadMainReturnsAfterBreak) {
     thread_cancel(later);
 }
 
-volatile sig_atomic_t in_handler_context = 0;
 int handled = 0;
 void usr2_handler() { ++handled; }
 

@@ -16,7 +16,8 @@ namespace fs = std::filesystem;
 namespace {
 
 struct Sysfs : ::testing::Test {
-    fs::path root = fs::path(::testing::TempDir()) / "uif-sysfs";
+    // Test cases run as parallel processes: one tree each.
+    fs::path root = fs::path(::testing::TempDir()) / ("uif-sysfs-" + std::to_string(getpid()));
     Sysfs() {
         fs::remove_all(root);
         fs::create_directories(root);
