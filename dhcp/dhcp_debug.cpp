@@ -31,15 +31,15 @@ DEFUN(show_debugging_dhcp, show_debugging_dhcp_cmd, "show debugging dhcp",
     return CMD_SUCCESS;
 }
 
-#define DEBUG_SET(fn, cmd, word, help, bits)                                      \
-    DEFUN(fn, cmd, "debug dhcp " word, DEBUG_STR DHCP_STR help) {                 \
-        dhcp_debug |= (bits);                                                     \
-        return CMD_SUCCESS;                                                       \
+#define DEBUG_SET(fn, cmd, word, help, bits)                      \
+    DEFUN(fn, cmd, "debug dhcp " word, DEBUG_STR DHCP_STR help) { \
+        dhcp_debug |= (bits);                                     \
+        return CMD_SUCCESS;                                       \
     }
-#define DEBUG_CLEAR(fn, cmd, word, help, bits)                                    \
-    DEFUN(fn, cmd, "no debug dhcp " word, NO_STR DEBUG_STR DHCP_STR help) {       \
-        dhcp_debug &= ~(bits);                                                    \
-        return CMD_SUCCESS;                                                       \
+#define DEBUG_CLEAR(fn, cmd, word, help, bits)                              \
+    DEFUN(fn, cmd, "no debug dhcp " word, NO_STR DEBUG_STR DHCP_STR help) { \
+        dhcp_debug &= ~(bits);                                              \
+        return CMD_SUCCESS;                                                 \
     }
 
 DEBUG_SET(debug_dhcp_events, debug_dhcp_events_cmd, "events", "Debug option set for dhcp events\n",
@@ -84,10 +84,10 @@ DEFUN(no_dhcp_interface, no_dhcp_interface_cmd, "no interface IFNAME",
 }
 
 cmd_element *const debug_cmds[] = {
-    &show_debugging_dhcp_cmd,     &debug_dhcp_events_cmd,       &debug_dhcp_packet_cmd,
-    &debug_dhcp_interface_cmd,    &debug_dhcp_timer_cmd,        &debug_dhcp_all_cmd,
-    &no_debug_dhcp_events_cmd,    &no_debug_dhcp_packet_cmd,    &no_debug_dhcp_interface_cmd,
-    &no_debug_dhcp_timer_cmd,     &no_debug_dhcp_all_cmd,
+    &show_debugging_dhcp_cmd,  &debug_dhcp_events_cmd,    &debug_dhcp_packet_cmd,
+    &debug_dhcp_interface_cmd, &debug_dhcp_timer_cmd,     &debug_dhcp_all_cmd,
+    &no_debug_dhcp_events_cmd, &no_debug_dhcp_packet_cmd, &no_debug_dhcp_interface_cmd,
+    &no_debug_dhcp_timer_cmd,  &no_debug_dhcp_all_cmd,
 };
 
 }  // namespace

@@ -39,8 +39,12 @@ constexpr std::uint32_t UCLIENT_BUS_ADDR = 0x7f000001;
 constexpr std::uint16_t UCLIENT_BUS_PORT = 30000;
 constexpr std::uint16_t UCLIENT_LISTEN_PORT = 30008;
 
-void sighup() { zlog_info("SIGHUP received"); }
-void sigusr1() { zlog_rotate(zlog_default); }
+void sighup() {
+    zlog_info("SIGHUP received");
+}
+void sigusr1() {
+    zlog_rotate(zlog_default);
+}
 void sigint() {
     zlog_notice("Terminating on signal");
     std::exit(0);
@@ -84,10 +88,16 @@ int dhcp_uclient_serv(thread *t) {
     return 0;
 }
 
-int dhcp_uclient_callback(void *arg) { return uclient_new_if(arg); }
+int dhcp_uclient_callback(void *arg) {
+    return uclient_new_if(arg);
+}
 
-int dhcp_if_new_hook(interface *) { return 0; }
-int dhcp_if_delete_hook(interface *) { return 0; }
+int dhcp_if_new_hook(interface *) {
+    return 0;
+}
+int dhcp_if_delete_hook(interface *) {
+    return 0;
+}
 
 }  // namespace
 

@@ -30,9 +30,13 @@ constexpr std::uint32_t kMaxLeaseMax = 10240;
 constexpr std::uint32_t kMaxLeaseDefault = 4096;
 }  // namespace
 
-thread_master *dhcps_master() { return server_master; }
+thread_master *dhcps_master() {
+    return server_master;
+}
 
-void dhcps_settings_init() { dhcps_global = dhcps_settings{}; }
+void dhcps_settings_init() {
+    dhcps_global = dhcps_settings{};
+}
 
 void dhcps_init(thread_master *m) {
     server_master = m;
@@ -78,10 +82,16 @@ int dhcps_set_enable(std::uint32_t v) {
     return rc;
 }
 
-std::uint32_t dhcps_get_enable() { return dhcps_global.enable; }
+std::uint32_t dhcps_get_enable() {
+    return dhcps_global.enable;
+}
 
-void dhcps_set_write_time(std::uint32_t v) { dhcps_global.write_time = v; }
-std::uint32_t dhcps_get_write_time() { return dhcps_global.write_time; }
+void dhcps_set_write_time(std::uint32_t v) {
+    dhcps_global.write_time = v;
+}
+std::uint32_t dhcps_get_write_time() {
+    return dhcps_global.write_time;
+}
 
 int dhcps_set_max_lease_num(std::uint32_t v) {
     dhcps_global.max_lease_num = (v >= kMaxLeaseMin && v <= kMaxLeaseMax) ? v : kMaxLeaseDefault;
@@ -89,7 +99,9 @@ int dhcps_set_max_lease_num(std::uint32_t v) {
     return 0;
 }
 
-std::uint32_t dhcps_get_max_lease_num() { return dhcps_global.max_lease_num; }
+std::uint32_t dhcps_get_max_lease_num() {
+    return dhcps_global.max_lease_num;
+}
 
 int dhcps_set_information(std::uint32_t v) {
     if (v != dhcps_global.information) {
@@ -98,7 +110,9 @@ int dhcps_set_information(std::uint32_t v) {
     return 0;
 }
 
-std::uint32_t dhcps_get_information() { return dhcps_global.information; }
+std::uint32_t dhcps_get_information() {
+    return dhcps_global.information;
+}
 
 // ---------------------------------------------------------------------------
 // Request handling.
@@ -131,7 +145,9 @@ const char *message_name(int type) {
     return (type >= 1 && type <= 8) ? names[type] : names[0];
 }
 
-bool packet_debug() { return dhcp_debug_on(DHCP_DEBUG_PACKET); }
+bool packet_debug() {
+    return dhcp_debug_on(DHCP_DEBUG_PACKET);
+}
 
 // The static or port binding of the client, 0 when it has none.
 std::uint32_t binding_for(const dhcps_pool *pool, const dhcp_packet &req, std::uint16_t vid) {
@@ -270,8 +286,8 @@ dhcps_pool *choose_pool(const dhcp_packet &req, std::uint32_t l3_if_addr, interf
         return nullptr;
     }
     char buf[INET_ADDRSTRLEN];
-    zlog_debug("dhcps_pool %s, ipaddr=%s, ifindex=%d\n", pool->name,
-               ip_text(pool->server_ip, buf), pool->ifindex);
+    zlog_debug("dhcps_pool %s, ipaddr=%s, ifindex=%d\n", pool->name, ip_text(pool->server_ip, buf),
+               pool->ifindex);
     const option_set *mask = dhcp_find_option(pool->options, DHCP_SUBNET_MASK);
     if (mask == nullptr || mask->length() < 4) {
         zlog_debug("dhcp_find_option DHCP_SUBNET_MASK fail!");
@@ -290,7 +306,9 @@ dhcps_pool *choose_pool(const dhcp_packet &req, std::uint32_t l3_if_addr, interf
 
 }  // namespace
 
-void dhcps_set_sender(dhcps_send_fn fn) { reply_sender = fn; }
+void dhcps_set_sender(dhcps_send_fn fn) {
+    reply_sender = fn;
+}
 
 int dhcps_parse_packet(int sock) {
     dhcp_packet req{};
@@ -390,8 +408,8 @@ host_name request_host_name(const dhcp_packet *req) {
     h.present = true;
     h.len = p[-1];
     auto *end = reinterpret_cast<const std::uint8_t *>(req) + sizeof(dhcp_packet);
-    std::size_t take = std::min<std::size_t>({static_cast<std::size_t>(h.len) + 1, 20,
-                                              static_cast<std::size_t>(end - p)});
+    std::size_t take = std::min<std::size_t>(
+        {static_cast<std::size_t>(h.len) + 1, 20, static_cast<std::size_t>(end - p)});
     std::memcpy(h.text, p, take);
     return h;
 }
@@ -532,9 +550,9 @@ void dhcps_send_offer(interface *ifp, dhcps_pool *pool, const dhcp_packet *reque
         std::uint32_t addr = choose_offer_address(ifp, pool, request, lease, requested);
         host_name h = request_host_name(request);
         std::int32_t offer = static_cast<std::int32_t>(pool->offer_time);
-        if (addr == 0 || dhcps_add_lease(request->chaddr, addr, pool->offer_time,
-                                         kq_time_get() + offer, h.present ? h.text : nullptr,
-                                         h.len, 0, 1) == nullptr) {
+        if (addr == 0 ||
+            dhcps_add_lease(request->chaddr, addr, pool->offer_time, kq_time_get() + offer,
+                            h.present ? h.text : nullptr, h.len, 0, 1) == nullptr) {
             zlog_debug("no free IP addresses. OFFER abandoned");
             return;
         }

@@ -49,7 +49,9 @@ prefix_ipv4 masked_network(const connected *c) {
 
 }  // namespace
 
-void dhcps_pool_list_init() { pools.clear(); }
+void dhcps_pool_list_init() {
+    pools.clear();
+}
 
 void dhcps_pool_list_free() {
     while (!pools.empty()) {
@@ -57,7 +59,9 @@ void dhcps_pool_list_free() {
     }
 }
 
-const std::vector<std::unique_ptr<dhcps_pool>> &dhcps_pool_list() { return pools; }
+const std::vector<std::unique_ptr<dhcps_pool>> &dhcps_pool_list() {
+    return pools;
+}
 
 dhcps_pool *dhcps_lookup_by_name(const char *name) {
     if (name == nullptr) {
@@ -83,9 +87,8 @@ dhcps_pool *dhcps_pool_create(const char *name, std::size_t len) {
         zlog_warn("dhcps_pool with this name [%s] exists already!", pool->name);
         return nullptr;
     }
-    auto at = std::find_if(pools.begin(), pools.end(), [&](const auto &p) {
-        return std::strcmp(p->name, pool->name) > 0;
-    });
+    auto at = std::find_if(pools.begin(), pools.end(),
+                           [&](const auto &p) { return std::strcmp(p->name, pool->name) > 0; });
     return pools.insert(at, std::move(pool))->get();
 }
 
@@ -104,8 +107,8 @@ void dhcps_delete_a_pool(dhcps_pool *pool) {
             dhcps_lease_free(lease);
         }
     }
-    auto it = std::find_if(pools.begin(), pools.end(),
-                           [pool](const auto &p) { return p.get() == pool; });
+    auto it =
+        std::find_if(pools.begin(), pools.end(), [pool](const auto &p) { return p.get() == pool; });
     if (it != pools.end()) {
         pools.erase(it);
     }
@@ -182,7 +185,9 @@ int allow_match(const std::vector<std::string> *list, const std::uint8_t *id, in
     return 0;
 }
 
-std::size_t allow_count() { return allow_total; }
+std::size_t allow_count() {
+    return allow_total;
+}
 
 int dhcps_parse_option82(const std::uint8_t *data, int len, dhcp_option82 *out) {
     if (data == nullptr || len < 1 || out == nullptr) {

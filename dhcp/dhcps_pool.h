@@ -32,14 +32,14 @@ struct dhcps_static_lease {
 };
 
 struct dhcps_port_bind {
-    std::uint32_t ip;  // network order
+    std::uint32_t ip;      // network order
     std::int32_t ifindex;  // uif index of a switch port
 };
 
 struct dhcps_pool {
     char name[DHCPS_POOL_NAME_LEN] = {};
     std::uint32_t enable = 1;
-    ::interface *interface = nullptr;  // attached interface, none when detached
+    ::interface *interface = nullptr;     // attached interface, none when detached
     std::unique_ptr<prefix_ipv4> prefix;  // the pool's network, masked
     std::int32_t ifindex = 0;
     std::uint32_t server_ip = 0;  // network order

@@ -22,9 +22,13 @@ int (*delete_hook)(interface *) = nullptr;
 
 }  // namespace
 
-void if_init() { table(); }
+void if_init() {
+    table();
+}
 
-void if_terminate() { table().clear(); }
+void if_terminate() {
+    table().clear();
+}
 
 void if_add_hook(int type, int (*func)(interface *)) {
     if (type == IF_NEW_HOOK) {
@@ -110,7 +114,9 @@ void if_delete(interface *ifp) {
     table().erase(ifp->name);
 }
 
-int if_is_up(const interface *ifp) { return (ifp != nullptr && (ifp->flags & IFF_UP)) ? 1 : 0; }
+int if_is_up(const interface *ifp) {
+    return (ifp != nullptr && (ifp->flags & IFF_UP)) ? 1 : 0;
+}
 
 std::vector<interface *> vrf_iflist(vrf_id_t) {
     std::vector<interface *> out;
@@ -121,7 +127,9 @@ std::vector<interface *> vrf_iflist(vrf_id_t) {
     return out;
 }
 
-void vrf_init() { if_init(); }
+void vrf_init() {
+    if_init();
+}
 
 connected *connected_add(interface *ifp, std::uint8_t flags, const prefix *address,
                          const prefix *destination) {
@@ -178,8 +186,7 @@ DEFUN(interface_func, interface_cmd, "interface IFNAME",
 }
 
 namespace {
-DEFUN(show_memory, show_memory_cmd, "show memory",
-      SHOW_STR "Memory statistics\n") {
+DEFUN(show_memory, show_memory_cmd, "show memory", SHOW_STR "Memory statistics\n") {
     std::FILE *fp = std::fopen("/proc/self/status", "r");
     if (fp == nullptr) {
         vty_out(vty, "%% Memory statistics are not available%s", VTY_NEWLINE);

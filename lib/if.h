@@ -33,7 +33,9 @@ struct connected {
     std::unique_ptr<prefix> destination;  // peer or broadcast, may be null
 };
 
-inline bool CONNECTED_PEER(const connected *c) { return (c->flags & ZEBRA_IFA_PEER) != 0; }
+inline bool CONNECTED_PEER(const connected *c) {
+    return (c->flags & ZEBRA_IFA_PEER) != 0;
+}
 // The prefix a connected entry stands for: its peer's for a point-to-point
 // address, else its own.
 inline const prefix *CONNECTED_PREFIX(const connected *c) {

@@ -26,8 +26,8 @@ namespace {
 std::unique_ptr<zlog> default_owner;
 std::function<void(int, std::string_view)> line_hook;
 
-constexpr const char *kLevelNames[] = {"emergencies",   "alerts",        "critical",
-                                       "errors",        "warnings",      "notifications",
+constexpr const char *kLevelNames[] = {"emergencies",   "alerts",   "critical",
+                                       "errors",        "warnings", "notifications",
                                        "informational", "debugging"};
 constexpr const char *kShortNames[] = {"emerg",   "alert",  "crit", "err",
                                        "warning", "notice", "info", "debug"};
@@ -133,12 +133,12 @@ void zlog_msg(zlog *zl, int priority, const char *format, ...) {
     va_end(args);
 }
 
-#define ZLOG_FUNC(name, prio)                     \
-    void name(const char *format, ...) {          \
-        va_list args;                             \
-        va_start(args, format);                   \
-        vzlog(zlog_default, prio, format, args);  \
-        va_end(args);                             \
+#define ZLOG_FUNC(name, prio)                    \
+    void name(const char *format, ...) {         \
+        va_list args;                            \
+        va_start(args, format);                  \
+        vzlog(zlog_default, prio, format, args); \
+        va_end(args);                            \
     }
 ZLOG_FUNC(zlog_err, LOG_ERR)
 ZLOG_FUNC(zlog_warn, LOG_WARNING)
@@ -232,16 +232,19 @@ int zlog_level_from_name(const char *name) {
     return -1;
 }
 
-void zlog_set_hook(std::function<void(int, std::string_view)> hook) { line_hook = std::move(hook); }
+void zlog_set_hook(std::function<void(int, std::string_view)> hook) {
+    line_hook = std::move(hook);
+}
 
 void _zlog_assert_failed(const char *assertion, const char *file, unsigned int line,
                          const char *function) {
     // Name the module, not the source file: "dhcp/dhcps_leases", not ".cpp".
     std::string module = file ? file : "";
-    if (auto dot = module.rfind('.'); dot != std::string::npos && module.find('/', dot) == module.npos) {
+    if (auto dot = module.rfind('.');
+        dot != std::string::npos && module.find('/', dot) == module.npos) {
         module.erase(dot);
     }
     zlog_msg(zlog_default, LOG_CRIT, "Assertion `%s' failed in file %s, line %u, function %s",
-         assertion, module.c_str(), line, function);
+             assertion, module.c_str(), line, function);
     std::abort();
 }

@@ -57,5 +57,4 @@ void zlog_set_hook(std::function<void(int, std::string_view)> hook);
 [[noreturn]] void _zlog_assert_failed(const char *assertion, const char *file, unsigned int line,
                                       const char *function);
 
-#define zassert(EX) \
-    ((void)((EX) ? 0 : (_zlog_assert_failed(#EX, __FILE__, __LINE__, __func__), 0)))
+#define zassert(EX) ((void)((EX) ? 0 : (_zlog_assert_failed(#EX, __FILE__, __LINE__, __func__), 0)))

@@ -40,7 +40,8 @@ int str2prefix_ipv4(const char *str, prefix_ipv4 *p) {
     std::string addr;
     int len = 0;
     in_addr a{};
-    if (!split_prefix(str, addr, len, IPV4_MAX_BITLEN) || inet_pton(AF_INET, addr.c_str(), &a) != 1) {
+    if (!split_prefix(str, addr, len, IPV4_MAX_BITLEN) ||
+        inet_pton(AF_INET, addr.c_str(), &a) != 1) {
         return 0;
     }
     std::memset(p, 0, sizeof *p);
@@ -101,7 +102,9 @@ int prefix2str(const prefix *p, char *str, int size) {
 }
 
 namespace {
-int addr_bytes(const prefix *p) { return p->family == AF_INET6 ? 16 : 4; }
+int addr_bytes(const prefix *p) {
+    return p->family == AF_INET6 ? 16 : 4;
+}
 
 // Compares the first `bits` bits of two addresses.
 bool same_bits(const std::uint8_t *a, const std::uint8_t *b, int bits) {

@@ -40,8 +40,12 @@ constexpr int IPV4_MAX_BITLEN = 32;
 constexpr int IPV6_MAX_BITLEN = 128;
 constexpr int PREFIX_STRLEN = 51;  // room for an IPv6 prefix text
 
-inline prefix *as_prefix(prefix_ipv4 *p) { return reinterpret_cast<prefix *>(p); }
-inline const prefix *as_prefix(const prefix_ipv4 *p) { return reinterpret_cast<const prefix *>(p); }
+inline prefix *as_prefix(prefix_ipv4 *p) {
+    return reinterpret_cast<prefix *>(p);
+}
+inline const prefix *as_prefix(const prefix_ipv4 *p) {
+    return reinterpret_cast<const prefix *>(p);
+}
 
 int str2prefix_ipv4(const char *str, prefix_ipv4 *p);
 int str2prefix_ipv6(const char *str, prefix_ipv6 *p);

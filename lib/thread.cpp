@@ -30,7 +30,9 @@ struct thread_master {
 
 namespace {
 
-void finish(thread_master *m, thread *t) { m->tasks.erase(t); }
+void finish(thread_master *m, thread *t) {
+    m->tasks.erase(t);
+}
 
 void dispatch(evutil_socket_t, short, void *p) {
     auto *slot = static_cast<task_slot *>(p);
@@ -145,7 +147,9 @@ void thread_cancel(thread *t) {
     m->tasks.erase(it);
 }
 
-std::size_t thread_count(const thread_master *m) { return m ? m->tasks.size() : 0; }
+std::size_t thread_count(const thread_master *m) {
+    return m ? m->tasks.size() : 0;
+}
 
 void thread_main(thread_master *m) {
     if (m != nullptr) {
@@ -166,8 +170,8 @@ int thread_run_once(thread_master *m, int timeout_ms) {
         // Bound the wait with a private timer so an idle master still returns;
         // it is freed here, so nothing of it outlives this call.
         timeval tv = ms_to_tv(timeout_ms);
-        std::unique_ptr<event, event_deleter> bound(
-            event_new(m->base.get(), -1, 0, [](evutil_socket_t, short, void *) {}, nullptr));
+        std::unique_ptr<event, event_deleter> bound(event_new(
+            m->base.get(), -1, 0, [](evutil_socket_t, short, void *) {}, nullptr));
         if (bound) {
             event_add(bound.get(), &tv);
         }
@@ -182,4 +186,6 @@ void thread_break(thread_master *m) {
     }
 }
 
-event_base *thread_master_event_base(thread_master *m) { return m ? m->base.get() : nullptr; }
+event_base *thread_master_event_base(thread_master *m) {
+    return m ? m->base.get() : nullptr;
+}

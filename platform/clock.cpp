@@ -14,5 +14,9 @@ std::int32_t kq_time_get() {
     return static_cast<std::int32_t>(std::time(nullptr));
 }
 
-void kq_time_set(std::int32_t now) { pinned = now; }
-void kq_time_clear() { pinned.reset(); }
+void kq_time_set(std::int32_t now) {
+    pinned = now;
+}
+void kq_time_clear() {
+    pinned.reset();
+}

@@ -21,8 +21,12 @@ void host_init(std::uint32_t features, int flags) {
     flags_ = flags;
 }
 
-std::uint32_t host_features() { return features_; }
-int host_flags() { return flags_; }
+std::uint32_t host_features() {
+    return features_;
+}
+int host_flags() {
+    return flags_;
+}
 
 pid_t pid_output(const char *path) {
     pid_t pid = getpid();
@@ -51,5 +55,9 @@ pid_t pid_output(const char *path) {
     return pid;
 }
 
-void hal_init(int client_id) { hal_client = client_id; }
-int hal_client_id() { return hal_client; }
+void hal_init(int client_id) {
+    hal_client = client_id;
+}
+int hal_client_id() {
+    return hal_client;
+}

@@ -115,8 +115,8 @@ int dispatch(uclient *c, int fd, std::vector<std::uint8_t> &buf) {
         const std::uint8_t *h = buf.data() + pos;
         auto magic = static_cast<std::uint16_t>(h[0] << 8 | h[1]);
         auto type = static_cast<std::uint16_t>(h[2] << 8 | h[3]);
-        std::uint32_t len = std::uint32_t{h[4]} << 24 | std::uint32_t{h[5]} << 16 |
-                            std::uint32_t{h[6]} << 8 | h[7];
+        std::uint32_t len =
+            std::uint32_t{h[4]} << 24 | std::uint32_t{h[5]} << 16 | std::uint32_t{h[6]} << 8 | h[7];
         if (magic != UCLIENT_MAGIC || len > UCLIENT_MAX_PAYLOAD) {
             zlog_warn("management bus: malformed message on fd %d, closing", fd);
             return -1;

@@ -54,7 +54,7 @@ struct uclient {
     bool connected = false;
     std::uint32_t addr = 0;  // bus address, host order
     std::uint16_t port = 0;
-    int (*callback)(void *) = nullptr;  // set by the daemon; gets a uclient_msg*
+    int (*callback)(void *) = nullptr;                 // set by the daemon; gets a uclient_msg*
     std::map<int, std::vector<std::uint8_t>> partial;  // bytes of unfinished messages per fd
 };
 

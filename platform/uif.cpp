@@ -131,8 +131,12 @@ const uif *find_port(Pred pred) {
 
 }  // namespace
 
-void uif_init() { scan_ports(); }
-void uvlan_init() { scan_vlans(); }
+void uif_init() {
+    scan_ports();
+}
+void uvlan_init() {
+    scan_vlans();
+}
 
 void uif_refresh() {
     scan_vlans();
@@ -192,6 +196,10 @@ std::uint16_t vid_from_name(const char *name) {
     return (vid >= 1 && vid <= 4094) ? static_cast<std::uint16_t>(vid) : 0;
 }
 
-std::uint16_t if_get_vid(const interface *ifp) { return ifp ? vid_from_name(ifp->name) : 0; }
+std::uint16_t if_get_vid(const interface *ifp) {
+    return ifp ? vid_from_name(ifp->name) : 0;
+}
 
-void uif_set_sysfs_root(const std::string &root) { T().root = root; }
+void uif_set_sysfs_root(const std::string &root) {
+    T().root = root;
+}

@@ -21,7 +21,7 @@ struct uif {
     std::uint32_t index = 0;   // UIF_INDEX_BASE | number
     std::uint32_t number = 0;  // the port number from the name
     int kernel_ifindex = 0;
-    std::uint16_t vid = 0;     // VLAN of the bridge the port belongs to
+    std::uint16_t vid = 0;  // VLAN of the bridge the port belongs to
     std::uint8_t mac[6] = {};
 };
 

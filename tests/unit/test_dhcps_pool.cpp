@@ -20,7 +20,9 @@ std::uint32_t nip(const char *a) {
     return v.s_addr;
 }
 
-std::uint32_t hip(const char *a) { return ntohl(nip(a)); }
+std::uint32_t hip(const char *a) {
+    return ntohl(nip(a));
+}
 
 void add_addr_option(dhcps_pool *p, std::uint8_t code, const char *a) {
     std::uint32_t v = nip(a);
@@ -183,7 +185,9 @@ TEST_F(Pools, SetAndClearInterfaceRefuseMissingArguments) {
     EXPECT_EQ(nulls, 3);
 }
 
-dhcp_option82 no_circuit() { return dhcp_option82{}; }
+dhcp_option82 no_circuit() {
+    return dhcp_option82{};
+}
 
 TEST_F(Pools, TwoPoolsOnOneNetworkTheFirstByNameServes) {
     make("zeta", "192.168.1.1", "192.168.1.0/24");
@@ -312,9 +316,9 @@ INSTANTIATE_TEST_SUITE_P(
                       O82{{2, 1, 'r'}, 0, 0, "", "r"},
                       O82{{9, 2, 0, 0, 1, 1, 'c'}, 0, 1, "c", ""},  // unknown stepped over
                       O82{{1, 0}, 0, 1, "", ""},
-                      O82{{1, 4, 'a', 'b'}, -1, 0, "", ""},   // runs past the end
-                      O82{{1}, -1, 0, "", ""},                // length byte missing
-                      O82{{1, 0x80, 'a'}, -1, 0, "", ""},     // negative length
+                      O82{{1, 4, 'a', 'b'}, -1, 0, "", ""},  // runs past the end
+                      O82{{1}, -1, 0, "", ""},               // length byte missing
+                      O82{{1, 0x80, 'a'}, -1, 0, "", ""},    // negative length
                       O82{{1, 1, 'a', 2}, -1, 0, "", ""}));
 
 TEST(Option82Args, RefusesMissingInput) {

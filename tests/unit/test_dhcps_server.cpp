@@ -57,8 +57,8 @@ std::vector<std::pair<int, std::vector<std::uint8_t>>> options_of(const dhcp_pac
             continue;
         }
         std::size_t len = p.options[i + 1];
-        out.emplace_back(p.options[i], std::vector<std::uint8_t>(p.options + i + 2,
-                                                                p.options + i + 2 + len));
+        out.emplace_back(p.options[i],
+                         std::vector<std::uint8_t>(p.options + i + 2, p.options + i + 2 + len));
         i += 2 + len;
     }
     return out;
@@ -437,8 +437,8 @@ TEST_F(Server, OwnLeaseOutsideTheRangeIsNotOfferedAgain) {
 TEST_F(Server, FullTableStillAcksAndMarksDirty) {
     dhcps_set_max_lease_num(2048);
     for (int i = 0; i < 2048; ++i) {
-        std::uint8_t mac[6] = {0x04, 0, 0, 0, static_cast<std::uint8_t>(i >> 8),
-                               static_cast<std::uint8_t>(i)};
+        std::uint8_t mac[6] = {
+            0x04, 0, 0, 0, static_cast<std::uint8_t>(i >> 8), static_cast<std::uint8_t>(i)};
         ASSERT_NE(dhcps_add_lease(mac, htonl(0x0a000000u + static_cast<std::uint32_t>(i)), 100,
                                   now + 100, nullptr, 0, 1, 0),
                   nullptr);

@@ -55,9 +55,9 @@ TEST_F(IfTable, LookupAddressPrefersExactThenLongestNetwork) {
     prefix pa = pfx("10.0.0.1/8"), pb = pfx("10.1.0.1/16");
     connected_add(a, 0, &pa, nullptr);
     connected_add(b, 0, &pb, nullptr);
-    EXPECT_EQ(if_lookup_address(addr("10.0.0.1")), a);   // exact
-    EXPECT_EQ(if_lookup_address(addr("10.1.0.1")), b);   // exact
-    EXPECT_EQ(if_lookup_address(addr("10.1.2.3")), b);   // /16 beats /8
+    EXPECT_EQ(if_lookup_address(addr("10.0.0.1")), a);  // exact
+    EXPECT_EQ(if_lookup_address(addr("10.1.0.1")), b);  // exact
+    EXPECT_EQ(if_lookup_address(addr("10.1.2.3")), b);  // /16 beats /8
     EXPECT_EQ(if_lookup_address(addr("10.9.9.9")), a);
     EXPECT_EQ(if_lookup_address(addr("192.0.2.1")), nullptr);
 }
@@ -86,8 +86,12 @@ TEST_F(IfTable, ConnectedAddAndDelete) {
 
 int created = 0;
 int deleted = 0;
-int on_new(interface *) { return ++created, 0; }
-int on_del(interface *) { return ++deleted, 0; }
+int on_new(interface *) {
+    return ++created, 0;
+}
+int on_del(interface *) {
+    return ++deleted, 0;
+}
 
 TEST_F(IfTable, HooksAndDeleteAndNameOrder) {
     created = deleted = 0;

@@ -102,7 +102,9 @@ TEST(LogLevels, NamesBothWays) {
     EXPECT_EQ(zlog_level_from_name(nullptr), -1);
 }
 
-void assert_on_null(const void *node) { zassert(node != nullptr); }
+void assert_on_null(const void *node) {
+    zassert(node != nullptr);
+}
 
 TEST(LogDeathTest, AssertionNamesExpressionModuleLineAndFunction) {
     EXPECT_DEATH(assert_on_null(nullptr),

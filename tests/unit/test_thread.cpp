@@ -139,7 +139,9 @@ TEST_F(Loop, ThreadMainReturnsAfterBreak) {
 }
 
 int handled = 0;
-void usr2_handler() { ++handled; }
+void usr2_handler() {
+    ++handled;
+}
 
 TEST_F(Loop, SignalHandlersRunInsideTheLoop) {
     handled = 0;

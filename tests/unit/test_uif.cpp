@@ -96,7 +96,9 @@ INSTANTIATE_TEST_SUITE_P(Table, Vid,
                                            VidCase{"vlanif1x", 0}, VidCase{"eth0", 0},
                                            VidCase{"swp1", 0}));
 
-TEST(VidNull, NoInterfaceNoVlan) { EXPECT_EQ(if_get_vid(nullptr), 0); }
+TEST(VidNull, NoInterfaceNoVlan) {
+    EXPECT_EQ(if_get_vid(nullptr), 0);
+}
 
 }  // namespace
 
@@ -123,8 +125,8 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(MacCase{"00-11-22-aa-BB-cc", 0, {0x00, 0x11, 0x22, 0xaa, 0xbb, 0xcc}},
                       MacCase{"ff-ff-ff-ff-ff-ff", 0, {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}},
                       MacCase{"00:11:22:33:44:55", -1, {}}, MacCase{"00-11-22-33-44", -1, {}},
-                      MacCase{"00-11-22-33-44-5g", -1, {}},
-                      MacCase{"00-11-22-33-44-555", -1, {}}, MacCase{"", -1, {}}));
+                      MacCase{"00-11-22-33-44-5g", -1, {}}, MacCase{"00-11-22-33-44-555", -1, {}},
+                      MacCase{"", -1, {}}));
 
 TEST(Clock, PinnedAndReal) {
     kq_time_set(1000);
