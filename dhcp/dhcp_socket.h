@@ -12,36 +12,9 @@
 #include <utility>
 
 #include "dhcp/dhcp_packet.h"
+#include "lib/unique_fd.h"
 
-// Owning descriptor: closed exactly once, movable, never copied.
-class dhcp_unique_fd {
-  public:
-    dhcp_unique_fd() = default;
-    explicit dhcp_unique_fd(int fd) : fd_(fd) {}
-    dhcp_unique_fd(const dhcp_unique_fd &) = delete;
-    dhcp_unique_fd &operator=(const dhcp_unique_fd &) = delete;
-    dhcp_unique_fd(dhcp_unique_fd &&other) noexcept : fd_(other.release()) {}
-    dhcp_unique_fd &operator=(dhcp_unique_fd &&other) noexcept {
-        if (this != &other) {
-            reset(other.release());
-        }
-        return *this;
-    }
-    ~dhcp_unique_fd() { reset(); }
-
-    int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
-    int release() { return std::exchange(fd_, -1); }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-        fd_ = fd;
-    }
-
-  private:
-    int fd_ = -1;
-};
+using dhcp_unique_fd = unique_fd;
 
 // socket(2) with close-on-exec; logs the failure. Descriptor or negative.
 int dhcp_socket(int domain, int type, int protocol);

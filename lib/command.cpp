@@ -15,6 +15,7 @@
 
 #include "lib/log.h"
 #include "lib/log_vty.h"
+#include "lib/unique_fd.h"
 #include "lib/vty.h"
 
 namespace {
@@ -706,27 +707,6 @@ std::string system_hostname() {
 
 // ---- configuration saving ----
 
-class unique_fd {
-  public:
-    explicit unique_fd(int fd = -1) : fd_(fd) {}
-    unique_fd(const unique_fd &) = delete;
-    unique_fd &operator=(const unique_fd &) = delete;
-    ~unique_fd() { reset(); }
-    int get() const { return fd_; }
-    // Closes now and reports the result: a failed close can mean lost data.
-    int reset() {
-        int rc = 0;
-        if (fd_ >= 0) {
-            rc = ::close(fd_);
-        }
-        fd_ = -1;
-        return rc;
-    }
-
-  private:
-    int fd_;
-};
-
 bool write_all(int fd, std::string_view data) {
     while (!data.empty()) {
         ssize_t n = ::write(fd, data.data(), data.size());
@@ -760,7 +740,7 @@ bool write_temp(const std::string &tmp, std::string_view text) {
     if (!write_all(fd.get(), text) || ::fsync(fd.get()) != 0) {
         return false;
     }
-    return fd.reset() == 0;
+    return fd.close() == 0;
 }
 
 void sync_dir(const std::string &path) {

@@ -16,6 +16,7 @@
 
 #include "lib/log.h"
 #include "lib/thread.h"
+#include "lib/unique_fd.h"
 #include "lib/vty_proto.h"
 
 namespace {
@@ -28,29 +29,6 @@ constexpr std::size_t VTY_COMPACT_AT = 1u << 20;
 constexpr std::size_t VTY_READ_CHUNK = 16384;
 constexpr std::size_t VTY_MAX_SESSIONS = 64;
 constexpr long VTY_ACCEPT_RETRY_MS = 100;
-
-class unique_fd {
-  public:
-    explicit unique_fd(int fd = -1) : fd_(fd) {}
-    unique_fd(const unique_fd &) = delete;
-    unique_fd &operator=(const unique_fd &) = delete;
-    ~unique_fd() { reset(); }
-    int get() const { return fd_; }
-    int release() {
-        int fd = fd_;
-        fd_ = -1;
-        return fd;
-    }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-        fd_ = fd;
-    }
-
-  private:
-    int fd_;
-};
 
 void strip_nul(std::string &s, std::size_t from = 0) {
     s.erase(std::remove(s.begin() + static_cast<long>(from), s.end(), '\0'), s.end());

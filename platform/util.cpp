@@ -4,8 +4,6 @@
 #include <cstring>
 #include <ctime>
 
-namespace {
-
 int hex_value(char c) {
     if (c >= '0' && c <= '9') {
         return c - '0';
@@ -18,8 +16,6 @@ int hex_value(char c) {
     }
     return -1;
 }
-
-}  // namespace
 
 std::uint8_t *hex2bin(std::uint8_t *dst, const char *src, std::size_t max) {
     std::size_t written = 0;

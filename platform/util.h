@@ -12,6 +12,9 @@
 // digit) sets errno to EINVAL, text left over once `max` bytes are written
 // sets it to E2BIG; either way the bytes converted so far are kept. errno is
 // untouched on success, so callers clear it first.
+// Value of one hex digit (either case), -1 for any other character.
+int hex_value(char c);
+
 std::uint8_t *hex2bin(std::uint8_t *dst, const char *src, std::size_t max);
 
 // RFC 1071 one's-complement checksum of `data`, complemented and returned in

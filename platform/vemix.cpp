@@ -2,20 +2,7 @@
 
 #include <cstring>
 
-namespace {
-int hexval(char c) {
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    if (c >= 'A' && c <= 'F') {
-        return c - 'A' + 10;
-    }
-    return -1;
-}
-}  // namespace
+#include "platform/util.h"
 
 int vemix_str2mac(const char *text, std::uint8_t mac[6]) {
     if (text == nullptr || mac == nullptr || std::strlen(text) != 17) {
@@ -24,8 +11,8 @@ int vemix_str2mac(const char *text, std::uint8_t mac[6]) {
     std::uint8_t out[6];
     for (int i = 0; i < 6; ++i) {
         const char *p = text + i * 3;
-        int hi = hexval(p[0]);
-        int lo = hexval(p[1]);
+        int hi = hex_value(p[0]);
+        int lo = hex_value(p[1]);
         if (hi < 0 || lo < 0 || (i < 5 && p[2] != '-')) {
             return -1;
         }
