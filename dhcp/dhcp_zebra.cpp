@@ -120,7 +120,10 @@ const char *ifname(const connected *c) {
     return c->ifp ? c->ifp->name : "";
 }
 
-int interface_address_add(int command, zclient *zc, std::uint16_t, vrf_id_t vrf_id) {
+// An address came or went: trace it, then bind or unbind the pool of its
+// network (IPv4 only).
+int address_event(int command, zclient *zc, vrf_id_t vrf_id, const char *what,
+                  void (*act)(interface *, const prefix *)) {
     connected *c = zebra_interface_address_read(command, zc->ibuf.get(), vrf_id);
     if (c == nullptr || !c->address) {
         return 0;
@@ -128,28 +131,20 @@ int interface_address_add(int command, zclient *zc, std::uint16_t, vrf_id_t vrf_
     if (events_debug()) {
         char buf[PREFIX_STRLEN] = "";
         prefix2str(c->address.get(), buf, sizeof buf);
-        zlog_debug("interface %s address add %s", ifname(c), buf);
+        zlog_debug("interface %s address %s %s", ifname(c), what, buf);
     }
     if (c->address->family == AF_INET) {
-        dhcp_attach_pool(c->ifp, CONNECTED_PREFIX(c));
+        act(c->ifp, CONNECTED_PREFIX(c));
     }
     return 0;
 }
 
+int interface_address_add(int command, zclient *zc, std::uint16_t, vrf_id_t vrf_id) {
+    return address_event(command, zc, vrf_id, "add", dhcp_attach_pool);
+}
+
 int interface_address_delete(int command, zclient *zc, std::uint16_t, vrf_id_t vrf_id) {
-    connected *c = zebra_interface_address_read(command, zc->ibuf.get(), vrf_id);
-    if (c == nullptr || !c->address) {
-        return 0;
-    }
-    if (events_debug()) {
-        char buf[PREFIX_STRLEN] = "";
-        prefix2str(c->address.get(), buf, sizeof buf);
-        zlog_debug("interface %s address delete %s", ifname(c), buf);
-    }
-    if (c->address->family == AF_INET) {
-        dhcp_detach_pool(c->ifp, CONNECTED_PREFIX(c));
-    }
-    return 0;
+    return address_event(command, zc, vrf_id, "delete", dhcp_detach_pool);
 }
 
 }  // namespace
