@@ -1101,7 +1101,8 @@ void dhcps_load_leases(const char *path) {
         zlog_err("too many leases while loading %s", path);
         struct stat st {};
         if (::fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode)) {
-            const auto taken = static_cast<long long>(records * sizeof(dhcps_lease));
+            const auto taken =
+                static_cast<long long>(records) * static_cast<long long>(sizeof(dhcps_lease));
             zlog_warn("lease file %s: %lld bytes after %zu records ignored", path,
                       static_cast<long long>(st.st_size) - taken, records);
         }

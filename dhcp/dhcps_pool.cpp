@@ -200,7 +200,8 @@ int dhcps_parse_option82(const std::uint8_t *data, int len, dhcp_option82 *out) 
             return -1;  // the length byte is missing
         }
         int code = data[pos];
-        int sublen = static_cast<std::int8_t>(data[pos + 1]);
+        // Sub-option lengths are signed bytes: 0x80 and up read as negative.
+        int sublen = static_cast<int>(static_cast<std::int8_t>(data[pos + 1]));
         if (sublen < 0 || pos + 2 + sublen > len) {
             return -1;
         }

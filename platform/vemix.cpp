@@ -9,7 +9,7 @@ int vemix_str2mac(const char *text, std::uint8_t mac[6]) {
         return -1;
     }
     std::uint8_t out[6];
-    for (int i = 0; i < 6; ++i) {
+    for (std::size_t i = 0; i < 6; ++i) {
         const char *p = text + i * 3;
         int hi = hex_value(p[0]);
         int lo = hex_value(p[1]);

@@ -127,6 +127,11 @@ int interactive(const dhcpsh::Settings &settings) {
         return dhcpsh::kExitTrouble;
     }
     g_session = &session;
+    // The readline hooks reach the session through g_session: never leave it
+    // pointing at this frame once we return.
+    struct forget_session {
+        ~forget_session() { g_session = nullptr; }
+    } forget;
 
     rl_readline_name = "dhcpsh";
     rl_catch_signals = 0;

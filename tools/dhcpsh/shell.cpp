@@ -118,7 +118,7 @@ Result<std::string, int> read_file(const std::string &path) {
         return Failure{errno};
     }
     std::string contents;
-    std::array<char, 16 * 1024> chunk{};
+    std::array<char, std::size_t{16} * 1024> chunk{};
     for (;;) {
         const ssize_t n = ::read(fd.get(), chunk.data(), chunk.size());
         if (n < 0) {

@@ -13,7 +13,7 @@ namespace dhcpsh {
 
 namespace {
 
-constexpr std::size_t kChunk = 64 * 1024;
+constexpr std::size_t kChunk = std::size_t{64} * 1024;
 
 std::string size_text(std::size_t bytes) {
     if (bytes >= (std::size_t{1} << 20) && bytes % (std::size_t{1} << 20) == 0) {
