@@ -274,9 +274,10 @@ dhcps_pool *choose_pool(const dhcp_packet &req, std::uint32_t l3_if_addr, interf
         return nullptr;
     }
     dhcp_option82 circuit{};
-    const std::uint8_t *o82 = dhcp_get_option(&req, DHCP_RELAY_AGENT_INFO);
-    if (dhcps_global.information != 0 && o82 != nullptr &&
-        dhcps_parse_option82(o82, o82[-1], &circuit) != 0) {
+    // With option-82 handling off the option is not even looked for.
+    const std::uint8_t *o82 =
+        dhcps_global.information != 0 ? dhcp_get_option(&req, DHCP_RELAY_AGENT_INFO) : nullptr;
+    if (o82 != nullptr && dhcps_parse_option82(o82, o82[-1], &circuit) != 0) {
         zlog_debug("Option-82 is invalid!");
         return nullptr;
     }

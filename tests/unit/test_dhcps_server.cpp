@@ -374,6 +374,21 @@ TEST_F(Server, Option82IsCheckedAndEchoedLast) {
     allow_delete(&pool->allow_circuit_ids, "port1");
 }
 
+TEST_F(Server, Option82IsNotEvenLookedForWhenHandlingIsOff) {
+    dhcps_set_information(0);
+    dhcp_debug = DHCP_DEBUG_EVENTS;
+    Request d(DHCPDISCOVER, 4);
+    handle(d);
+    dhcp_debug = 0;
+    EXPECT_FALSE(logged("Option 0x52 not found"));
+    dhcps_set_information(1);
+    log.clear();
+    dhcp_debug = DHCP_DEBUG_EVENTS;
+    handle(d);
+    dhcp_debug = 0;
+    EXPECT_TRUE(logged("Option 0x52 not found"));
+}
+
 TEST_F(Server, CircuitIdNotAllowedAnywhereGetsNothing) {
     Request d(DHCPDISCOVER, 4);
     d.opt(DHCP_RELAY_AGENT_INFO, {1, 2, 'z', 'z'});
