@@ -80,8 +80,10 @@ int on_describe(int, int) {
     print_under_line(reply->text);
     std::fflush(rl_outstream);
     rl_point = point;
+    // Readline redraws prompt and line itself once we return; drawing them
+    // here as well left it believing the line was on screen twice, and it
+    // erased it.
     rl_on_new_line();
-    rl_redisplay();
     return 0;
 }
 
