@@ -50,7 +50,7 @@ void sigint() {
     std::exit(0);
 }
 
-quagga_signal_t dhcp_signals[] = {
+zsignal_t dhcp_signals[] = {
     {SIGHUP, sighup, 0},
     {SIGUSR1, sigusr1, 0},
     {SIGINT, sigint, 0},

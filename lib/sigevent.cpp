@@ -14,7 +14,7 @@ struct event_deleter {
 std::vector<std::unique_ptr<event, event_deleter>> registered;
 
 void on_signal(evutil_socket_t, short, void *arg) {
-    auto *sig = static_cast<quagga_signal_t *>(arg);
+    auto *sig = static_cast<zsignal_t *>(arg);
     sig->caught = 0;
     if (sig->handler != nullptr) {
         sig->handler();
@@ -22,14 +22,14 @@ void on_signal(evutil_socket_t, short, void *arg) {
 }
 }  // namespace
 
-void signal_init(thread_master *m, int sigc, quagga_signal_t signals[]) {
+void signal_init(thread_master *m, int sigc, zsignal_t signals[]) {
     std::signal(SIGPIPE, SIG_IGN);
     event_base *base = thread_master_event_base(m);
     if (base == nullptr) {
         return;
     }
     for (int i = 0; i < sigc; ++i) {
-        quagga_signal_t *sig = &signals[i];
+        zsignal_t *sig = &signals[i];
         sig->caught = 0;
         std::unique_ptr<event, event_deleter> ev(
             event_new(base, sig->signal, EV_SIGNAL | EV_PERSIST, on_signal, sig));

@@ -10,10 +10,10 @@
 
 struct thread_master;
 
-struct quagga_signal_t {
+struct zsignal_t {
     int signal;
     void (*handler)();
     volatile sig_atomic_t caught;
 };
 
-void signal_init(thread_master *m, int sigc, quagga_signal_t signals[]);
+void signal_init(thread_master *m, int sigc, zsignal_t signals[]);

@@ -145,7 +145,7 @@ void usr2_handler() {
 
 TEST_F(Loop, SignalHandlersRunInsideTheLoop) {
     handled = 0;
-    static quagga_signal_t sigs[] = {{SIGUSR2, usr2_handler, 0}};
+    static zsignal_t sigs[] = {{SIGUSR2, usr2_handler, 0}};
     signal_init(m, 1, sigs);
     raise(SIGUSR2);
     EXPECT_EQ(handled, 0);  // only marked so far
