@@ -27,27 +27,28 @@ bool events_debug() {
 
 // The network (masked) of an IPv4 prefix.
 prefix network_of(const prefix *p) {
-    prefix_ipv4 net{};
-    net.family = AF_INET;
-    net.prefixlen = p->prefixlen;
-    net.prefix = p->u.prefix4;
-    apply_mask_ipv4(&net);
-    prefix out{};
-    out.family = net.family;
-    out.prefixlen = net.prefixlen;
-    out.u.prefix4 = net.prefix;
-    return out;
+    prefix net = *p;
+    apply_mask(&net);
+    return net;
 }
 
 bool pool_has_network(const dhcps_pool *pool, const prefix &net) {
-    if (!pool->prefix) {
-        return false;
+    return pool->prefix && prefix_same(as_prefix(pool->prefix.get()), &net) == 1;
+}
+
+// The first pool, in list order, whose network is `net`; only it is ever
+// attached or detached for that network. `walker` names the caller in the
+// assertion, as the walk is that caller's.
+dhcps_pool *first_pool_of(const prefix &net, const char *walker) {
+    for (const auto &pool : dhcps_pool_list()) {
+        if (pool == nullptr) {
+            _zlog_assert_failed(NODE_DATA_TEXT, __FILE__, __LINE__, walker);
+        }
+        if (pool_has_network(pool.get(), net)) {
+            return pool.get();
+        }
     }
-    prefix own{};
-    own.family = pool->prefix->family;
-    own.prefixlen = pool->prefix->prefixlen;
-    own.u.prefix4 = pool->prefix->prefix;
-    return prefix_same(&own, &net) == 1;
+    return nullptr;
 }
 
 void zebra_connected(zclient *zc) {
@@ -174,13 +175,8 @@ void dhcp_attach_pool(interface *ifp, const prefix *prefix) {
     if (prefix == nullptr || prefix->family != AF_INET) {
         return;
     }
-    const ::prefix net = network_of(prefix);
-    for (const auto &pool : dhcps_pool_list()) {
-        DHCP_ASSERT_DATA(pool != nullptr, NODE_DATA_TEXT);
-        if (pool_has_network(pool.get(), net)) {
-            dhcps_pool_set_interface(pool.get(), ifp, prefix);
-            return;
-        }
+    if (dhcps_pool *pool = first_pool_of(network_of(prefix), __func__)) {
+        dhcps_pool_set_interface(pool, ifp, prefix);
     }
 }
 
@@ -208,13 +204,8 @@ void dhcp_detach_pool(interface *, const prefix *prefix) {
     if (prefix == nullptr || prefix->family != AF_INET) {
         return;
     }
-    const ::prefix net = network_of(prefix);
-    for (const auto &pool : dhcps_pool_list()) {
-        DHCP_ASSERT_DATA(pool != nullptr, NODE_DATA_TEXT);
-        if (pool_has_network(pool.get(), net)) {
-            dhcps_pool_clear_interface(pool.get());
-            return;
-        }
+    if (dhcps_pool *pool = first_pool_of(network_of(prefix), __func__)) {
+        dhcps_pool_clear_interface(pool);
     }
 }
 

@@ -37,14 +37,10 @@ void replace_address_option(dhcps_pool *pool, const dhcp_option &desc, std::uint
 }
 
 // The network of a connected entry: its peer's for a point-to-point address.
-prefix_ipv4 masked_network(const connected *c) {
-    prefix_ipv4 p{};
-    const prefix *src = CONNECTED_PREFIX(c);
-    p.family = src->family;
-    p.prefixlen = src->prefixlen;
-    p.prefix = src->u.prefix4;
-    apply_mask_ipv4(&p);
-    return p;
+prefix masked_network(const connected *c) {
+    prefix net = *CONNECTED_PREFIX(c);
+    apply_mask(&net);
+    return net;
 }
 
 }  // namespace
@@ -256,8 +252,8 @@ int dhcps_network(dhcps_pool *pool, const prefix_ipv4 *p) {
             if (c->address->family != AF_INET) {
                 continue;
             }
-            prefix_ipv4 cn = masked_network(c.get());
-            if (prefix_same(as_prefix(&cn), as_prefix(&net))) {
+            prefix cn = masked_network(c.get());
+            if (prefix_same(&cn, as_prefix(&net))) {
                 dhcps_pool_set_interface(pool, ifp, c->address.get());
                 return 0;
             }

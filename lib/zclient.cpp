@@ -104,15 +104,8 @@ std::size_t finish_message(stream *s) {
     return len;
 }
 
-struct interface_body {
-    char name[INTERFACE_NAMSIZ + 1] = {};
-    ifindex_t ifindex = 0;
-    std::uint64_t flags = 0;
-    int metric = 0;
-    unsigned int mtu = 0;
-    std::uint8_t hw_addr[ZEBRA_HW_ADDR_MAX] = {};
-    std::size_t hw_addr_len = 0;
-};
+// The interface body of our message is the builders' record.
+using interface_body = zapi_interface;
 
 bool read_interface_body(stream *s, interface_body &b) {
     stream_get(b.name, s, INTERFACE_NAMSIZ);
