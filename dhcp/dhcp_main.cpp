@@ -92,6 +92,19 @@ int dhcp_uclient_callback(void *arg) {
     return uclient_new_if(arg);
 }
 
+// A second dhcpd beside a running one would unlink the running daemon's
+// CLI socket before failing on the management-bus port, leaving it
+// unreachable. So, unlike the rest of the start-up, the pid file's lock is
+// looked at first: held by a live daemon, this process says so and leaves
+// before it touches any socket, file or port of the running one.
+void exit_if_running() {
+    const pid_t holder = pid_file_holder(DHCP_PID_FILE);
+    if (holder > 0 && holder != getpid()) {
+        zlog_err("dhcpd is already running with pid %d, exiting", static_cast<int>(holder));
+        std::exit(1);
+    }
+}
+
 int dhcp_if_new_hook(interface *) {
     return 0;
 }
@@ -117,6 +130,8 @@ int main(int argc, char **argv) {
             daemon_mode = true;
         }
     }
+
+    exit_if_running();
 
     master = thread_master_create();
     hal_init(DHCP_HAL_CLIENT);
@@ -144,7 +159,9 @@ int main(int argc, char **argv) {
     }
     zlog_mark_defaults(zlog_default);
 
-    pid_output(DHCP_PID_FILE);
+    if (pid_output(DHCP_PID_FILE) < 0) {
+        exit_if_running();  // another one started since the first look
+    }
     vty_serv_sock(nullptr, 0, VTY_SOCKET_PATH);
 
     dhcp_uclient = uclient_connect(UCLIENT_BUS_ADDR, UCLIENT_BUS_PORT, UCLIENT_LISTEN_PORT);

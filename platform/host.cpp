@@ -55,6 +55,22 @@ pid_t pid_output(const char *path) {
     return pid;
 }
 
+pid_t pid_file_holder(const char *path) {
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0) {
+        return 0;
+    }
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    const int rc = fcntl(fd, F_GETLK, &lock);
+    close(fd);
+    if (rc < 0 || lock.l_type == F_UNLCK) {
+        return 0;
+    }
+    return lock.l_pid;
+}
+
 void hal_init(int client_id) {
     hal_client = client_id;
 }

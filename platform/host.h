@@ -14,6 +14,9 @@ int host_flags();
 // Writes the pid to `path` and keeps it locked while the process lives, so a
 // second instance can tell. Returns the pid, or -1 (logged).
 pid_t pid_output(const char *path);
+// The pid of a live process holding the lock on the pid file `path`; 0 when
+// the file is missing or nobody holds it. Only reads: creates nothing.
+pid_t pid_file_holder(const char *path);
 
 // Hardware abstraction: registers this daemon as client `client_id`.
 void hal_init(int client_id);

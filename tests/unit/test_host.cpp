@@ -18,13 +18,21 @@ TEST(PidFile, HoldsThePidAndIsLockedAgainstASecondInstance) {
     EXPECT_EQ(text, std::to_string(getpid()) + "\n");
     pid_t child = fork();
     if (child == 0) {
-        _exit(pid_output(path.c_str()) == -1 ? 0 : 1);  // the lock is ours
+        // The lock is ours, and the holder a second instance sees is us.
+        _exit(pid_output(path.c_str()) == -1 && pid_file_holder(path.c_str()) == getppid() ? 0 : 1);
     }
     int status = 0;
     waitpid(child, &status, 0);
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
     EXPECT_EQ(pid_output("/nonexistent-dir/x.pid"), -1);
+    EXPECT_EQ(pid_file_holder("/nonexistent-dir/x.pid"), 0);
+}
+
+TEST(PidFile, AnUnlockedFileHasNoHolder) {
+    std::string path = ::testing::TempDir() + "/dhcp-stale.pid";
+    std::ofstream(path) << "4242\n";
+    EXPECT_EQ(pid_file_holder(path.c_str()), 0);
 }
 
 TEST(Host, KeepsThePlatformValues) {
