@@ -369,7 +369,7 @@ std::size_t Generator::build(dhcp_packet &msg, std::uint32_t index, std::uint8_t
     const int end =
         dhcp_end_option(std::span<const std::uint8_t>(msg.options, DHCP_OPTIONS_BUFSIZE));
     const std::size_t used = DHCP_FIXED_SIZE + static_cast<std::size_t>(std::max(end, 0)) + 1;
-    return std::max(used, kBootpMinPayload);
+    return std::clamp(used, kBootpMinPayload, DHCP_FIXED_SIZE + DHCP_OPTIONS_BUFSIZE);
 }
 
 bool Generator::send_frame(const dhcp_packet &msg, std::size_t len, std::uint32_t index) {
@@ -677,7 +677,7 @@ void Generator::report() const {
 
 // ---- command line ----
 
-void usage() {
+void usage(std::FILE *out) {
     std::fputs(
         "usage: dhcpload -i IFNAME [options]\n"
         "  --mode direct|relay  broadcast clients on the link (default), or a relay\n"
@@ -698,7 +698,7 @@ void usage() {
         "  --mac-seed N         second byte of the client MACs (0)\n"
         "  --progress           counts on stderr every second\n"
         "  --leases             print each client's last ACKed address\n",
-        stderr);
+        out);
 }
 
 bool parse_number(const char *text, double lo, double hi, double &out) {
@@ -742,6 +742,7 @@ enum Opt {
 
 const option kLongOptions[] = {
     {"interface", required_argument, nullptr, 'i'},
+    {"help", no_argument, nullptr, 'h'},
     {"mode", required_argument, nullptr, kMode},
     {"clients", required_argument, nullptr, kClients},
     {"rate", required_argument, nullptr, kRate},
@@ -830,7 +831,11 @@ bool apply_option(Config &cfg, int opt, const char *arg) {
 std::optional<Config> parse_args(int argc, char **argv) {
     Config cfg;
     int opt;
-    while ((opt = getopt_long(argc, argv, "i:", kLongOptions, nullptr)) != -1) {
+    while ((opt = getopt_long(argc, argv, "hi:", kLongOptions, nullptr)) != -1) {
+        if (opt == 'h') {
+            usage(stdout);
+            std::exit(0);
+        }
         if (!apply_option(cfg, opt, optarg)) {
             if (opt != '?') {
                 std::fprintf(stderr, "dhcpload: bad value '%s'\n", optarg ? optarg : "");
@@ -849,7 +854,7 @@ std::optional<Config> parse_args(int argc, char **argv) {
 int main(int argc, char **argv) {
     const auto cfg = parse_args(argc, argv);
     if (!cfg) {
-        usage();
+        usage(stderr);
         return 2;
     }
     struct sigaction sa {};
