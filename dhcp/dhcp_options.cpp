@@ -126,8 +126,11 @@ const std::uint8_t *dhcp_get_option(const dhcp_packet *packet, std::uint8_t code
             }
             return area + 2;
         }
-        // An empty overload option has no value byte to read.
-        if (current == DHCP_OPTION_OVERLOAD && area[1] > 0) {
+        // The overload value is the byte after the length, also when the
+        // length is 0 and that byte is the next option's code: kept so. Only
+        // an empty option 52 on the area's last two bytes has no such byte,
+        // and the scan ends there anyway.
+        if (current == DHCP_OPTION_OVERLOAD && (area[1] > 0 || remaining > 0)) {
             overload |= area[2];
         }
         area += step;
@@ -141,6 +144,23 @@ const std::uint8_t *dhcp_get_option(const dhcp_packet *packet, std::uint8_t code
 std::uint8_t *dhcp_get_option(dhcp_packet *packet, std::uint8_t code) {
     return const_cast<std::uint8_t *>(
         dhcp_get_option(static_cast<const dhcp_packet *>(packet), code));
+}
+
+std::optional<std::span<const std::uint8_t>> dhcp_get_option_span(const dhcp_packet &packet,
+                                                                  std::uint8_t code) {
+    const std::uint8_t *value = dhcp_get_option(&packet, code);
+    if (value == nullptr) {
+        return std::nullopt;
+    }
+    return std::span<const std::uint8_t>(value, value[-1]);
+}
+
+std::uint32_t dhcp_option_nip(std::span<const std::uint8_t> value) {
+    std::uint32_t nip = 0;
+    if (!value.empty()) {
+        std::memcpy(&nip, value.data(), std::min<std::size_t>(sizeof nip, value.size()));
+    }
+    return nip;
 }
 
 int dhcp_end_option(std::span<const std::uint8_t> options) {

@@ -96,6 +96,16 @@ extern const dhcp_option dhcp_option_flags[DHCP_OPTION_COUNT + 1];
 const std::uint8_t *dhcp_get_option(const dhcp_packet *packet, std::uint8_t code);
 std::uint8_t *dhcp_get_option(dhcp_packet *packet, std::uint8_t code);
 
+// The same search, giving the value as a span of exactly its length bytes;
+// std::nullopt when the option is absent. An option is carried whatever its
+// length: an empty span is a carried option with no value bytes.
+std::optional<std::span<const std::uint8_t>> dhcp_get_option_span(const dhcp_packet &packet,
+                                                                  std::uint8_t code);
+
+// An address value (network order) read from a value of any length: the
+// bytes it has, the ones it lacks below four taken as 0, nothing read beyond.
+std::uint32_t dhcp_option_nip(std::span<const std::uint8_t> value);
+
 // Index of the end marker in an options area. An area without one (or whose
 // last option runs past it) gives options.size(), which no add accepts.
 int dhcp_end_option(std::span<const std::uint8_t> options);

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <optional>
 
 #include "dhcp/dhcp_debug.h"
 #include "dhcp/dhcp_options.h"
@@ -132,10 +133,31 @@ std::uint32_t load_u32(const std::uint8_t *p) {
     return v;
 }
 
-// The value of a 4-byte option of the request, or nullptr when absent or short.
-const std::uint8_t *address_option(const dhcp_packet &req, std::uint8_t code) {
-    const std::uint8_t *p = dhcp_get_option(&req, code);
-    return (p != nullptr && p[-1] >= 4) ? p : nullptr;
+// What request handling decides on, read once from the message. An option
+// counts as carried when it is there at all, whatever its length; an address
+// shorter than four bytes reads its missing bytes as 0. Only the reads are
+// bounded: a short option is decided on exactly as a whole one.
+struct request_view {
+    std::optional<std::uint32_t> server_id;  // option 54
+    int type = 0;                            // option 53; 0 when absent or empty
+    std::optional<std::uint32_t> requested;  // option 50
+};
+
+std::optional<std::uint32_t> address_option(const dhcp_packet &req, std::uint8_t code) {
+    const auto value = dhcp_get_option_span(req, code);
+    if (!value) {
+        return std::nullopt;
+    }
+    return dhcp_option_nip(*value);
+}
+
+request_view read_request(const dhcp_packet &req) {
+    request_view view;
+    view.server_id = address_option(req, DHCP_SERVER_ID);
+    const auto type = dhcp_get_option_span(req, DHCP_MESSAGE_TYPE);
+    view.type = (type && !type->empty()) ? type->front() : 0;
+    view.requested = address_option(req, DHCP_REQUESTED_IP);
+    return view;
 }
 
 const char *message_name(int type) {
@@ -200,16 +222,16 @@ void find_client_lease(client_lease &cl, const dhcps_pool *pool, const dhcp_pack
 }
 
 void handle_request(interface *ifp, dhcps_pool *pool, const dhcp_packet &req,
-                    const client_lease &cl, std::uint32_t mask) {
+                    const request_view &view, const client_lease &cl, std::uint32_t mask) {
     if (packet_debug()) {
         zlog_debug("Received REQUEST");
     }
-    const std::uint8_t *opt50 = address_option(req, DHCP_REQUESTED_IP);
-    std::uint32_t requested = opt50 ? load_u32(opt50) : req.ciaddr;
-    if (requested == 0) {
+    // Option 50 counts by being there: one that asks for 0.0.0.0 still asks.
+    if (!view.requested && req.ciaddr == 0) {
         zlog_debug("no requested IP and no ciaddr, ignoring");
         return;
     }
+    const std::uint32_t requested = view.requested.value_or(req.ciaddr);
     if (cl.lease != nullptr && dhcps_lease_nip(cl.lease) == requested) {
         // Compared with the range's first address, not the network: kept so.
         if (req.hops == 0 && ((htonl(pool->begin_ip) ^ requested) & mask) != 0) {
@@ -220,18 +242,17 @@ void handle_request(interface *ifp, dhcps_pool *pool, const dhcp_packet &req,
         }
         return;
     }
-    if (dhcp_get_option(&req, DHCP_SERVER_ID) != nullptr || opt50 != nullptr) {
+    if (view.server_id || view.requested) {
         dhcps_send_nak(ifp, pool, &req);
     }
 }
 
-void handle_decline(const dhcps_pool *pool, const dhcp_packet &req, const client_lease &cl) {
+void handle_decline(const dhcps_pool *pool, const request_view &view, const client_lease &cl) {
     if (packet_debug()) {
         zlog_debug("Received DECLINE");
     }
-    const std::uint8_t *opt50 = address_option(req, DHCP_REQUESTED_IP);
-    if (dhcp_get_option(&req, DHCP_SERVER_ID) == nullptr || opt50 == nullptr ||
-        cl.lease == nullptr || dhcps_lease_nip(cl.lease) != load_u32(opt50) || cl.is_transient) {
+    if (!view.server_id || !view.requested || cl.lease == nullptr ||
+        dhcps_lease_nip(cl.lease) != *view.requested || cl.is_transient) {
         return;
     }
     auto *lease = const_cast<dhcps_lease *>(cl.lease);
@@ -241,18 +262,18 @@ void handle_decline(const dhcps_pool *pool, const dhcp_packet &req, const client
     dhcps_lease_set_state(lease, 0);
 }
 
-void handle_release(const dhcp_packet &req, const client_lease &cl) {
+void handle_release(const dhcp_packet &req, const request_view &view, const client_lease &cl) {
     if (packet_debug()) {
         zlog_debug("Received RELEASE");
     }
-    if (dhcp_get_option(&req, DHCP_SERVER_ID) == nullptr || cl.lease == nullptr ||
-        dhcps_lease_nip(cl.lease) != req.ciaddr || cl.is_transient) {
+    if (!view.server_id || cl.lease == nullptr || dhcps_lease_nip(cl.lease) != req.ciaddr ||
+        cl.is_transient) {
         return;
     }
     dhcps_lease_set_expires(const_cast<dhcps_lease *>(cl.lease), kq_time_get());
 }
 
-// Checks and pool choice, steps before the message type is acted on.
+// Header checks and pool choice (with option 82 when it is handled).
 // Returns the pool, or nullptr after logging why the request is dropped.
 dhcps_pool *choose_pool(const dhcp_packet &req, std::uint32_t l3_if_addr, interface **ifp_out,
                         std::uint32_t *mask_out) {
@@ -294,15 +315,25 @@ dhcps_pool *choose_pool(const dhcp_packet &req, std::uint32_t l3_if_addr, interf
         zlog_debug("dhcp_find_option DHCP_SUBNET_MASK fail!");
         return nullptr;
     }
-    std::uint32_t sid = dhcps_acquire_server_id(ifp, pool);
-    const std::uint8_t *opt54 = address_option(req, DHCP_SERVER_ID);
-    if (opt54 != nullptr && sid != 0 && load_u32(opt54) != sid) {
-        zlog_debug("server ID doesn't match, ignoring");
-        return nullptr;
-    }
     *ifp_out = ifp;
     *mask_out = load_u32(mask->value().data());
     return pool;
+}
+
+// A request for another server, or one without a known message type, is
+// dropped after logging why.
+bool accepted(const request_view &view, std::uint32_t server_id) {
+    if (view.server_id && server_id != 0 && *view.server_id != server_id) {
+        zlog_debug("server ID doesn't match, ignoring");
+        return false;
+    }
+    if (view.type == 0 || view.type > 8) {
+        if (packet_debug()) {
+            zlog_debug("no or bad message type option, ignoring packet");
+        }
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -329,37 +360,33 @@ int dhcps_handle_request(dhcp_packet &req, int len, std::uint32_t l3_if_addr) {
     if (pool == nullptr) {
         return -1;
     }
-    const std::uint8_t *type_opt = dhcp_get_option(&req, DHCP_MESSAGE_TYPE);
-    int type = (type_opt != nullptr && type_opt[-1] >= 1) ? type_opt[0] : 0;
-    if (type == 0 || type > 8) {
-        if (packet_debug()) {
-            zlog_debug("no or bad message type option, ignoring packet");
-        }
+    const std::uint32_t server_id = dhcps_acquire_server_id(ifp, pool);
+    const request_view view = read_request(req);
+    if (!accepted(view, server_id)) {
         return -1;
     }
-    zlog_debug("%s", message_name(type));
+    zlog_debug("%s", message_name(view.type));
     pool->last_request_len = static_cast<std::uint32_t>(len) + 28;
 
     client_lease cl;
     std::uint32_t static_ip = binding_for(pool, req, if_get_vid(ifp));
     find_client_lease(cl, pool, req, static_ip, mask);
 
-    switch (type) {
+    switch (view.type) {
         case DHCPDISCOVER:
             if (packet_debug()) {
                 zlog_debug("Received DISCOVER");
             }
-            dhcps_send_offer(ifp, pool, &req, static_ip, cl.lease,
-                             address_option(req, DHCP_REQUESTED_IP));
+            dhcps_send_offer(ifp, pool, &req, static_ip, cl.lease, view.requested);
             break;
         case DHCPREQUEST:
-            handle_request(ifp, pool, req, cl, mask);
+            handle_request(ifp, pool, req, view, cl, mask);
             break;
         case DHCPDECLINE:
-            handle_decline(pool, req, cl);
+            handle_decline(pool, view, cl);
             break;
         case DHCPRELEASE:
-            handle_release(req, cl);
+            handle_release(req, view, cl);
             break;
         case DHCPINFORM:
             if (packet_debug()) {
@@ -421,13 +448,14 @@ bool in_range(const dhcps_pool *pool, std::uint32_t nip) {
 }
 
 std::uint32_t choose_offer_address(interface *ifp, dhcps_pool *pool, const dhcp_packet *req,
-                                   const dhcps_lease *lease, const std::uint8_t *requested) {
+                                   const dhcps_lease *lease,
+                                   std::optional<std::uint32_t> requested) {
     char a[INET_ADDRSTRLEN], b[INET_ADDRSTRLEN];
     if (lease != nullptr && in_range(pool, dhcps_lease_nip(lease))) {
         return dhcps_lease_nip(lease);
     }
-    if (requested != nullptr && in_range(pool, load_u32(requested))) {
-        std::uint32_t want = load_u32(requested);
+    if (requested && in_range(pool, *requested)) {
+        const std::uint32_t want = *requested;
         const dhcps_lease *holder = dhcps_find_lease_by_nip(want);
         if (holder == nullptr || dhcps_lease_expired(holder)) {
             if (packet_debug()) {
@@ -540,7 +568,7 @@ void dhcps_add_option82(dhcp_packet *reply, const dhcp_packet *request) {
 
 void dhcps_send_offer(interface *ifp, dhcps_pool *pool, const dhcp_packet *request,
                       std::uint32_t static_ip, const dhcps_lease *lease,
-                      const std::uint8_t *requested) {
+                      std::optional<std::uint32_t> requested) {
     dhcp_packet reply{};
     if (null_args(ifp, pool, request)) {
         return;

@@ -13,6 +13,7 @@ thread_master *dhcps_master();
 int dhcps_recv(thread *t);
 
 #include <cstdint>
+#include <optional>
 
 struct dhcp_packet;
 struct dhcps_pool;
@@ -33,9 +34,10 @@ void dhcps_init_reply(interface *ifp, dhcps_pool *pool, dhcp_packet *reply,
 std::uint32_t dhcps_get_lease_time(dhcps_pool *pool);
 void dhcps_add_pool_options(dhcps_pool *pool, dhcp_packet *reply);
 void dhcps_add_option82(dhcp_packet *reply, const dhcp_packet *request);
+// `requested`: the address option 50 asks for (read bounded), or none.
 void dhcps_send_offer(interface *ifp, dhcps_pool *pool, const dhcp_packet *request,
                       std::uint32_t static_ip, const dhcps_lease *lease,
-                      const std::uint8_t *requested);
+                      std::optional<std::uint32_t> requested);
 void dhcps_send_ack(interface *ifp, dhcps_pool *pool, const dhcp_packet *request,
                     std::uint32_t address);
 void dhcps_send_nak(interface *ifp, dhcps_pool *pool, const dhcp_packet *request);

@@ -1,6 +1,7 @@
 // dhcp_get_option, dhcp_end_option and an add over arbitrary messages.
 // Input: the wanted code, a flags byte (bit 0: events debug on), then the
 // message (cut at 628 bytes, zero-filled when shorter).
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -52,7 +53,9 @@ const std::uint8_t *reference_get(const dhcp_packet &p, std::uint8_t code) {
             if (c == code) {
                 return area->begin + i + 2;
             }
-            if (c == 52 && area->begin[i + 1] > 0) {
+            // The byte after the length, also for an empty option 52,
+            // unless that byte lies beyond the area.
+            if (c == 52 && i + 2 < area->size) {
                 overload |= area->begin[i + 2];
             }
             i += 2u + area->begin[i + 1];
@@ -109,6 +112,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
             sum += v[i];
         }
         require(sum <= 255u * 255u);
+    }
+
+    // The span getter finds the same value, exactly its length long, and an
+    // address read from it never goes past it.
+    const auto span = dhcp_get_option_span(p, code);
+    require(span.has_value() == (v != nullptr));
+    if (span) {
+        require(span->data() == v && span->size() == v[-1]);
+        std::uint32_t expected = 0;
+        std::memcpy(&expected, v, std::min<std::size_t>(4, span->size()));
+        require(dhcp_option_nip(*span) == expected);
     }
 
     const int end = dhcp_end_option(p.options);

@@ -58,6 +58,22 @@ class Client:
                 out.append(p)
         return out
 
+    def replies_before(self, marker_xid, wait=5.0):
+        """Every DHCP reply captured up to and including the one for
+        `marker_xid`, as (xid, packet); the wait only bounds a lost marker."""
+        out, end = [], time.monotonic() + wait
+        while time.monotonic() < end:
+            try:
+                data = self.sock.recv(65535)
+            except socket.timeout:
+                continue
+            p = Ether(data)
+            if UDP in p and p[UDP].sport == 67 and p[UDP].dport == 68 and BOOTP in p:
+                out.append((p[BOOTP].xid, p))
+                if p[BOOTP].xid == marker_xid:
+                    return out
+        raise AssertionError(f"no reply to the marker {marker_xid:#x}: {out}")
+
     def close(self):
         self.sock.close()
 
@@ -320,3 +336,61 @@ def test_expired_address_answered_by_a_host_is_reserved_and_offered(lab):
     got = client.replies(0x6003, wait=4.0)
     d.wait_log("192.168.10.100 belongs to someone, reserving it for 60 seconds")
     assert [p[BOOTP].yiaddr for p in got] == ["192.168.10.100"]
+
+
+MARKER_XID = 0x7fff
+
+
+def answers_to(client, frame, xid):
+    """Replies to `frame`: it is sent, then a DISCOVER as a marker. The server
+    handles one datagram after the other, so whatever `frame` gets is captured
+    before the marker's offer, and nothing after it can still come."""
+    client.send(frame)
+    client.sock.send(bytes(request("02:00:00:00:0f:01", MARKER_XID, "discover")))
+    return [p for x, p in client.replies_before(MARKER_XID) if x == xid]
+
+
+@pytest.mark.parametrize("name,opt50", [
+    ("0.0.0.0", ("requested_addr", "0.0.0.0")),
+    ("empty", (50, b"")),
+    ("two bytes", (50, b"\xc0\xa8")),
+    ("three bytes of the offered address", (50, b"\xc0\xa8\x0a")),
+])
+def test_request_carrying_option_50_is_naked_whatever_its_value(lab, name, opt50):
+    """Option 50 decides by being there: 0.0.0.0 and short values (missing
+    bytes read as 0) are requests for an address no lease holds."""
+    d, client, _, _ = lab
+    offer_for(client, 0x1101)
+    got = answers_to(client, request(CLIENT_MAC, 0x1102, "request", [opt50]), 0x1102)
+    assert len(got) == 1, name
+    p = got[0]
+    assert options(p) == [("message-type", 6), ("server_id", SERVER)], name
+    assert (p[BOOTP].yiaddr, p[Ether].dst, p[IP].dst) == \
+        ("0.0.0.0", "ff:ff:ff:ff:ff:ff", "255.255.255.255"), name
+    assert "no requested IP and no ciaddr, ignoring" not in d.log()
+
+
+@pytest.mark.parametrize("name,opt54", [
+    ("empty", (54, b"")),
+    ("three bytes of ours", (54, b"\xc0\xa8\x0a")),
+])
+def test_short_server_id_names_another_server(lab, name, opt54):
+    d, client, _, _ = lab
+    frame = request(CLIENT_MAC, 0x1103, "request", [opt54, ("requested_addr", "192.168.10.100")])
+    assert answers_to(client, frame, 0x1103) == [], name
+    assert "server ID doesn't match, ignoring" in d.log()
+
+
+def test_empty_overload_option_takes_the_byte_after_its_length(lab):
+    """Option 52 with length 0 then the end marker: the end marker (0xff) is
+    the overload value, so file is searched, and it holds the message type."""
+    _, client, _, _ = lab
+    frame = (Ether(src=CLIENT_MAC, dst="ff:ff:ff:ff:ff:ff") /
+             IP(src="0.0.0.0", dst="255.255.255.255") / UDP(sport=68, dport=67) /
+             BOOTP(chaddr=mac_bytes(CLIENT_MAC), xid=0x1104, file=b"\x35\x01\x01\xff") /
+             DHCP(options=[b"\x34\x00", "end"]))
+    assert bytes(frame[BOOTP])[236:243] == bytes.fromhex("63825363" "3400ff")
+    got = answers_to(client, frame, 0x1104)
+    assert len(got) == 1
+    assert options(got[0])[0] == ("message-type", 2)
+    assert got[0][BOOTP].yiaddr == "192.168.10.100"

@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
+#include <ostream>
 #include <string>
 #include <tuple>
 #include <utility>
@@ -186,8 +188,29 @@ INSTANTIATE_TEST_SUITE_P(
                      {},
                      12,
                      {'x', 'y'}},
-        // An empty overload option has no value: nothing more is searched.
-        OverloadCase{"empty_overload", {52, 0, 255}, {12, 1, 'f', 255}, {}, 12, {}},
+        // An empty overload option still has a value: the byte after its
+        // length. Here that is the end marker, 0xff: file, then sname.
+        OverloadCase{"empty_overload", {52, 0, 255}, {12, 1, 'f', 255}, {}, 12, {'f'}},
+        OverloadCase{"empty_overload_then_sname",
+                     {52, 0, 255},
+                     {15, 1, 'f', 255},
+                     {12, 1, 's', 255},
+                     12,
+                     {'s'}},
+        // The byte after the length is the next option's code, 2: sname only.
+        OverloadCase{"empty_overload_takes_next_code",
+                     {52, 0, 2, 1, 'x', 255},
+                     {12, 1, 'f', 255},
+                     {12, 1, 's', 255},
+                     12,
+                     {'s'}},
+        OverloadCase{
+            "empty_overload_next_code_is_found", {52, 0, 2, 1, 'x', 255}, {}, {}, 2, {'x'}},
+        // The same inside file and inside sname.
+        OverloadCase{
+            "empty_overload_in_file", {52, 1, 1, 255}, {52, 0, 255}, {12, 1, 's', 255}, 12, {'s'}},
+        OverloadCase{
+            "empty_overload_in_sname", {52, 1, 2, 255}, {12, 1, 'f', 255}, {52, 0, 255}, 12, {'f'}},
         // Option 52 itself is found like any other.
         OverloadCase{"overload_wanted", {52, 1, 3, 255}, {}, {}, 52, {3}}),
     [](const auto &param_info) { return std::string(param_info.param.name); });
@@ -288,6 +311,86 @@ TEST_F(Codec, GetOptionOverloadedAreasAreBoundedToo) {
     r.sname[63] = 12;
     r.file[0] = 0;
     EXPECT_EQ(dhcp_get_option(&r, 12), nullptr);
+}
+
+TEST_F(Codec, GetOptionEmptyOverloadOnTheAreaEndReadsNothingBeyond) {
+    // On the heap at its exact size, so a read past the record is caught.
+    auto p = std::make_unique<dhcp_packet>(blank_packet());
+    std::memset(p->options, 0, sizeof p->options);
+    put(p->options, 386, {52, 0});
+    dhcp_debug = DHCP_DEBUG_EVENTS;
+    EXPECT_EQ(dhcp_get_option(p.get(), 12), nullptr);
+    EXPECT_EQ(logs, (std::vector<LogLine>{{LOG_ERR, "bad packet, malformed option field"}}));
+    // Option 52 itself is still found there, empty.
+    const std::uint8_t *v = dhcp_get_option(p.get(), 52);
+    ASSERT_EQ(v, p->options + 388);
+    EXPECT_EQ(v[-1], 0);
+
+    // On the last bytes of file and sname, where the next byte is the cookie
+    // and file: the scan ends malformed there whatever that byte says.
+    auto q = std::make_unique<dhcp_packet>(blank_packet());
+    put(q->options, 0, {52, 1, 3, 255});
+    put(q->file, 126, {52, 0});
+    put(q->sname, 0, {12, 1, 's', 255});
+    EXPECT_EQ(dhcp_get_option(q.get(), 12), nullptr);
+    auto r = std::make_unique<dhcp_packet>(blank_packet());
+    put(r->options, 0, {52, 1, 2, 255});
+    put(r->sname, 62, {52, 0});
+    put(r->file, 0, {12, 1, 'f', 255});
+    EXPECT_EQ(dhcp_get_option(r.get(), 12), nullptr);
+}
+
+TEST_F(Codec, GetOptionSpanIsTheValueWhateverItsLength) {
+    dhcp_packet p = blank_packet();
+    put(p.options, 0, {53, 1, 3, 50, 0, 54, 2, 192, 168, 255});
+    const auto type = dhcp_get_option_span(p, 53);
+    ASSERT_TRUE(type.has_value());
+    EXPECT_EQ(type->data(), p.options + 2);
+    EXPECT_EQ(Bytes(type->begin(), type->end()), (Bytes{3}));
+    // Carried with no value bytes: present, and empty.
+    const auto empty = dhcp_get_option_span(p, 50);
+    ASSERT_TRUE(empty.has_value());
+    EXPECT_EQ(empty->data(), p.options + 5);
+    EXPECT_TRUE(empty->empty());
+    const auto shorter = dhcp_get_option_span(p, 54);
+    ASSERT_TRUE(shorter.has_value());
+    EXPECT_EQ(Bytes(shorter->begin(), shorter->end()), (Bytes{192, 168}));
+    EXPECT_FALSE(dhcp_get_option_span(p, 61).has_value());
+}
+
+struct NipCase {
+    Bytes value;
+    Bytes nip;  // as it lies in memory, network order
+};
+
+void PrintTo(const NipCase &c, std::ostream *os) {
+    *os << "value of " << c.value.size() << " bytes";
+}
+
+class OptionNip : public ::testing::TestWithParam<NipCase> {};
+
+TEST_P(OptionNip, ReadsTheBytesThereAndZerosForTheRest) {
+    const NipCase &c = GetParam();
+    // On the heap at its exact size, so a read beyond the value is caught.
+    auto value = std::make_unique<std::uint8_t[]>(c.value.size());
+    std::copy(c.value.begin(), c.value.end(), value.get());
+    const std::uint32_t nip =
+        dhcp_option_nip(std::span<const std::uint8_t>(value.get(), c.value.size()));
+    Bytes got(4);
+    std::memcpy(got.data(), &nip, 4);
+    EXPECT_EQ(got, c.nip);
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, OptionNip,
+                         ::testing::Values(NipCase{{}, {0, 0, 0, 0}},
+                                           NipCase{{192}, {192, 0, 0, 0}},
+                                           NipCase{{192, 168}, {192, 168, 0, 0}},
+                                           NipCase{{192, 168, 1}, {192, 168, 1, 0}},
+                                           NipCase{{192, 168, 1, 1}, {192, 168, 1, 1}},
+                                           NipCase{{192, 168, 1, 1, 9}, {192, 168, 1, 1}}));
+
+TEST(OptionNipEmpty, DefaultSpanReadsZero) {
+    EXPECT_EQ(dhcp_option_nip({}), 0u);
 }
 
 // ---- dhcp_end_option -----------------------------------------------------

@@ -3,7 +3,10 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
+#include <memory>
+#include <ostream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -104,6 +107,14 @@ struct Request {
         p.options[at] = DHCP_END;
         return *this;
     }
+    // Bytes as they go into the options area, end marker after them.
+    Request &raw(const std::vector<std::uint8_t> &bytes) {
+        for (auto b : bytes) {
+            p.options[at++] = b;
+        }
+        p.options[at] = DHCP_END;
+        return *this;
+    }
     Request &addr_opt(std::uint8_t code, const char *a) {
         std::uint32_t n = nip(a);
         auto *b = reinterpret_cast<std::uint8_t *>(&n);
@@ -171,6 +182,9 @@ struct Server : ::testing::Test {
     }
     int handle(Request &r, const char *local = "192.168.1.1") {
         return dhcps_handle_request(r.p, 300, nip(local));
+    }
+    int handle(dhcp_packet &p, const char *local = "192.168.1.1") {
+        return dhcps_handle_request(p, 300, nip(local));
     }
     bool logged(const std::string &t) {
         for (auto &l : log) {
@@ -539,6 +553,269 @@ TEST_F(Server, HostNameIsStoredWithTheByteAfterIt) {
     const dhcps_lease *l = dhcps_find_lease_by_nip(nip("192.168.1.10"));
     ASSERT_NE(l, nullptr);
     EXPECT_EQ(std::string(l->hostname, strnlen(l->hostname, 20)), "ab7");
+}
+
+// ---- options 50 and 54 decide by being there ------------------------------
+
+// One request and what the server does with it. The server identifier is
+// 192.168.1.1; a bound client (MAC ending in 1) holds 192.168.1.10.
+struct WireCase {
+    const char *name;
+    std::uint8_t type;
+    std::vector<std::uint8_t> options;  // after option 53, as they lie
+    const char *ciaddr;                 // nullptr: 0.0.0.0
+    bool bound;
+    int rc;
+    std::uint8_t reply;      // type of the one reply; 0: nothing is sent
+    const char *logged;      // a line that must be logged, or nullptr
+    const char *not_logged;  // a line that must not be, or nullptr
+};
+
+void PrintTo(const WireCase &c, std::ostream *os) {
+    *os << c.name;
+}
+
+class WireRules : public Server, public ::testing::WithParamInterface<WireCase> {};
+
+constexpr const char *kIgnoring = "no requested IP and no ciaddr, ignoring";
+constexpr const char *kOtherServer = "server ID doesn't match, ignoring";
+
+TEST_P(WireRules, OutcomeOfOneRequest) {
+    const WireCase &c = GetParam();
+    if (c.bound) {
+        ASSERT_EQ(ip(bind(1)), "192.168.1.10");
+    }
+    sent.clear();
+    log.clear();
+    Request r(c.type, 1);
+    r.raw(c.options);
+    if (c.ciaddr != nullptr) {
+        r.p.ciaddr = nip(c.ciaddr);
+    }
+    EXPECT_EQ(handle(r), c.rc);
+    if (c.reply == 0) {
+        EXPECT_TRUE(sent.empty());
+    } else {
+        ASSERT_EQ(sent.size(), 1u);
+        EXPECT_EQ(options_of(sent[0].reply)[0].second, std::vector<std::uint8_t>{c.reply});
+    }
+    if (c.reply == DHCPNAK) {
+        // A NAK is the header, 53 and 54 and nothing else, broadcast.
+        EXPECT_EQ(codes_of(sent[0].reply), (std::vector<int>{53, 54}));
+        EXPECT_EQ(sent[0].reply.yiaddr, 0u);
+        EXPECT_EQ(sent[0].dst, INADDR_BROADCAST);
+    }
+    if (c.logged != nullptr) {
+        EXPECT_TRUE(logged(c.logged)) << c.logged;
+    }
+    if (c.not_logged != nullptr) {
+        EXPECT_FALSE(logged(c.not_logged)) << c.not_logged;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, WireRules,
+    ::testing::Values(
+        // Option 50 carried with 0.0.0.0 is a request for 0.0.0.0: no lease
+        // holds it, so the carried option brings a NAK.
+        WireCase{"requested_zero",
+                 DHCPREQUEST,
+                 {50, 4, 0, 0, 0, 0},
+                 nullptr,
+                 false,
+                 0,
+                 DHCPNAK,
+                 nullptr,
+                 kIgnoring},
+        WireCase{"requested_zero_with_server_id",
+                 DHCPREQUEST,
+                 {50, 4, 0, 0, 0, 0, 54, 4, 192, 168, 1, 1},
+                 nullptr,
+                 false,
+                 0,
+                 DHCPNAK,
+                 nullptr,
+                 kIgnoring},
+        WireCase{"requested_zero_by_a_bound_client",
+                 DHCPREQUEST,
+                 {50, 4, 0, 0, 0, 0},
+                 nullptr,
+                 true,
+                 0,
+                 DHCPNAK,
+                 nullptr,
+                 kIgnoring},
+        WireCase{"requested_zero_beside_the_lease_ciaddr",
+                 DHCPREQUEST,
+                 {50, 4, 0, 0, 0, 0},
+                 "192.168.1.10",
+                 true,
+                 0,
+                 DHCPNAK,
+                 nullptr,
+                 nullptr},
+        // Shorter than four bytes, option 50 is still carried; its missing
+        // bytes read as 0.
+        WireCase{"requested_empty",
+                 DHCPREQUEST,
+                 {50, 0},
+                 nullptr,
+                 false,
+                 0,
+                 DHCPNAK,
+                 nullptr,
+                 kIgnoring},
+        WireCase{"requested_two_bytes",
+                 DHCPREQUEST,
+                 {50, 2, 192, 168},
+                 nullptr,
+                 false,
+                 0,
+                 DHCPNAK,
+                 nullptr,
+                 kIgnoring},
+        WireCase{"requested_three_bytes_of_the_lease",
+                 DHCPREQUEST,
+                 {50, 3, 192, 168, 1},
+                 nullptr,
+                 true,
+                 0,
+                 DHCPNAK,
+                 nullptr,
+                 kIgnoring},
+        // A short option 54 is carried too, and names another server.
+        WireCase{"server_id_empty",
+                 DHCPREQUEST,
+                 {54, 0, 50, 4, 192, 168, 1, 10},
+                 nullptr,
+                 true,
+                 -1,
+                 0,
+                 kOtherServer,
+                 nullptr},
+        WireCase{"server_id_three_bytes",
+                 DHCPREQUEST,
+                 {54, 3, 192, 168, 1},
+                 "192.168.1.15",
+                 false,
+                 -1,
+                 0,
+                 kOtherServer,
+                 nullptr},
+        WireCase{"server_id_two_bytes_on_discover",
+                 DHCPDISCOVER,
+                 {54, 2, 192, 168},
+                 nullptr,
+                 false,
+                 -1,
+                 0,
+                 kOtherServer,
+                 nullptr},
+        WireCase{"server_id_three_bytes_on_release",
+                 DHCPRELEASE,
+                 {54, 3, 192, 168, 1},
+                 "192.168.1.10",
+                 true,
+                 -1,
+                 0,
+                 kOtherServer,
+                 nullptr},
+        // Whole options, unchanged: the rules the short ones now share.
+        WireCase{
+            "neither_option_nor_ciaddr", DHCPREQUEST, {}, nullptr, false, 0, 0, kIgnoring, nullptr},
+        WireCase{"ciaddr_and_server_id_of_a_stranger",
+                 DHCPREQUEST,
+                 {54, 4, 192, 168, 1, 1},
+                 "192.168.1.15",
+                 false,
+                 0,
+                 DHCPNAK,
+                 nullptr,
+                 nullptr},
+        WireCase{"ciaddr_alone_of_a_stranger",
+                 DHCPREQUEST,
+                 {},
+                 "192.168.1.15",
+                 false,
+                 0,
+                 0,
+                 nullptr,
+                 kIgnoring},
+        WireCase{"requested_lease_is_acked",
+                 DHCPREQUEST,
+                 {50, 4, 192, 168, 1, 10},
+                 nullptr,
+                 true,
+                 0,
+                 DHCPACK,
+                 nullptr,
+                 nullptr},
+        WireCase{"server_id_of_another_server",
+                 DHCPREQUEST,
+                 {54, 4, 192, 168, 1, 99},
+                 nullptr,
+                 true,
+                 -1,
+                 0,
+                 kOtherServer,
+                 nullptr}),
+    [](const auto &param_info) { return std::string(param_info.param.name); });
+
+// Empty options on the last two bytes of the options area: their value is
+// read as nothing, never from beyond the record (on the heap at its exact
+// size, so such a read is caught).
+TEST_F(Server, EmptyOptionOnTheAreaEndIsCarriedAndReadBounded) {
+    for (std::uint8_t type : {DHCPDISCOVER, DHCPREQUEST}) {
+        SCOPED_TRACE(static_cast<int>(type));
+        sent.clear();
+        auto p = std::make_unique<dhcp_packet>(Request(type, 1).p);
+        std::memset(p->options + 3, 0, DHCP_OPTIONS_AREA - 3);  // pads after option 53
+        p->options[386] = DHCP_REQUESTED_IP;
+        p->options[387] = 0;
+        EXPECT_EQ(handle(*p), 0);
+        ASSERT_EQ(sent.size(), 1u);
+        const dhcp_packet &reply = sent[0].reply;
+        if (type == DHCPDISCOVER) {
+            // 0.0.0.0 lies outside the range: the lowest free address.
+            EXPECT_EQ(ip(reply.yiaddr), "192.168.1.10");
+        } else {
+            EXPECT_EQ(options_of(reply)[0].second, std::vector<std::uint8_t>{DHCPNAK});
+        }
+    }
+}
+
+// ---- option 52 -----------------------------------------------------------
+
+// An overload option of length 0 still has a value: the byte after its
+// length, here the end marker (0xff), which sends the search on into file
+// and sname. The message type lies in file.
+TEST_F(Server, EmptyOverloadTakesTheByteAfterItsLength) {
+    struct Case {
+        const char *name;
+        std::vector<std::uint8_t> main, file, sname;
+    };
+    const Case cases[] = {
+        {"type_in_file", {52, 0, 255}, {53, 1, DHCPDISCOVER, 255}, {}},
+        {"type_in_sname", {52, 0, 255}, {0, 255}, {53, 1, DHCPDISCOVER, 255}},
+        // The byte after the length is the next option's code, 2: sname.
+        {"next_code_is_the_value", {52, 0, 2, 1, 0, 255}, {}, {53, 1, DHCPDISCOVER, 255}},
+        // An empty overload in file: sname follows.
+        {"empty_overload_in_file", {52, 1, 1, 255}, {52, 0, 255}, {53, 1, DHCPDISCOVER, 255}},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        sent.clear();
+        Request d(DHCPDISCOVER, 1);
+        d.p.options[0] = DHCP_END;
+        d.at = 0;
+        d.raw(c.main);
+        std::copy(c.file.begin(), c.file.end(), d.p.file);
+        std::copy(c.sname.begin(), c.sname.end(), d.p.sname);
+        EXPECT_EQ(handle(d), 0);
+        ASSERT_EQ(sent.size(), 1u);
+        EXPECT_EQ(options_of(sent[0].reply)[0].second, std::vector<std::uint8_t>{DHCPOFFER});
+        EXPECT_EQ(ip(sent[0].reply.yiaddr), "192.168.1.10");
+    }
 }
 
 }  // namespace
