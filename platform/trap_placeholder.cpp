@@ -1,6 +1,5 @@
-// Placeholder bodies of the trapped-frame channel and snooping state until
-// the Linux implementation lands; they refuse everything.
-#include "platform/dhcpsnoop.h"
+// Placeholder bodies of the trapped-frame channel until the Linux
+// implementation lands; they refuse everything.
 #include "platform/trap.h"
 #include "platform/vemix.h"
 
@@ -12,15 +11,4 @@ int hal_recv(int, hal_recv_cb) {
 
 std::uint8_t *vemix_remove_tag(std::uint8_t *frame) {
     return frame;
-}
-
-int dhcpsnoop_enable_get() {
-    return 0;
-}
-int dhcpsnoop_if_untrust_get(const uif *) {
-    return -1;
-}
-void dhcpsnoop_enable_set(int) {}
-int dhcpsnoop_if_untrust_set(std::uint32_t, int) {
-    return -1;
 }
