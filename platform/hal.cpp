@@ -19,11 +19,12 @@
 #include <vector>
 
 #include "lib/log.h"
+#include "platform/trap.h"
 #include "platform/uif.h"
 
 namespace {
 
-int dhcp_trap_state = 0;
+int dhcp_trap_users = 0;
 
 struct mnl_socket_closer {
     void operator()(mnl_socket *s) const { mnl_socket_close(s); }
@@ -238,12 +239,26 @@ reply fdb_dump(query &q) {
 }  // namespace
 
 int hal_dhcp_enable(int enable) {
-    dhcp_trap_state = enable ? 1 : 0;
-    return 0;
+    if (enable == 0) {
+        if (dhcp_trap_users == 0) {
+            return 0;
+        }
+        if (--dhcp_trap_users > 0) {
+            return 0;
+        }
+        return trap_channel_deliver(false);
+    }
+    if (dhcp_trap_users < 2) {  // the server and the relay; a stray call adds nobody
+        ++dhcp_trap_users;
+    }
+    if (trap_channel_open() != 0) {
+        return -1;
+    }
+    return trap_channel_deliver(true);
 }
 
 int hal_dhcp_enabled() {
-    return dhcp_trap_state;
+    return dhcp_trap_users > 0 ? 1 : 0;
 }
 
 void hal_fdb_force_dump(int on) {

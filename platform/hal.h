@@ -7,11 +7,26 @@
 
 #include <cstdint>
 
-// Turns DHCP trapping and the server's hardware side on or off. The kernel
-// hands DHCP frames to our sockets by itself, so nothing is programmed: the
-// state is only recorded. 0 on success.
+// Turns DHCP trapping on or off for one of its users. The server and the
+// relay each call it when they are turned on (non-zero) and off (0), and
+// only then; trapping stays on while at least one of them has it on, so
+// turning the server off never stops the relay's frames, nor the other way
+// round. At most two users are counted (the server and the relay); an off
+// call with no user left is harmless.
+//
+// The first on call opens the trapped-frame channel (platform/trap.h): from
+// then on hal_netlink_async names it for the life of the process. While
+// trapping is on the channel delivers the trapped frames; while it is off
+// it delivers nothing, and it stays open. Every on call first drops the
+// frames already queued, which may have waited there while nobody read the
+// channel (the server has trapping on but never reads it); at that moment
+// a relay already reading may lose the few frames not yet read, which their
+// clients send again.
+//
+// 0 on success; -1 when the channel cannot be opened or filtered (logged;
+// the user is counted all the same, so its off call still balances).
 int hal_dhcp_enable(int enable);
-// The state last set by hal_dhcp_enable (1 on, 0 off).
+// 1 while trapping is on (at least one user), else 0.
 int hal_dhcp_enabled();
 
 // The switch port (uif index, UIF_INDEX_BASE | port number) on which `mac`

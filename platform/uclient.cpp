@@ -7,12 +7,14 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
 #include <string>
 
 #include "lib/log.h"
+#include "platform/dhcpsnoop.h"
 #include "platform/uif.h"
 
 namespace {
@@ -134,6 +136,45 @@ int dispatch(uclient *c, int fd, std::vector<std::uint8_t> &buf) {
     return 0;
 }
 
+int handle_if_notice(std::span<const std::uint8_t> name) {
+    if (name.empty() || name.size() > 20 || std::find(name.begin(), name.end(), 0) != name.end()) {
+        return -1;
+    }
+    uif_refresh();
+    return 0;
+}
+
+int handle_snoop_set(std::span<const std::uint8_t> p) {
+    if (p.size() != 1 || p[0] > 1) {
+        return -1;
+    }
+    dhcpsnoop_enable_set(p[0]);
+    return 0;
+}
+
+int handle_snoop_trust(std::span<const std::uint8_t> p) {
+    if (p.size() != 5 || p[4] > 1) {
+        return -1;
+    }
+    std::uint32_t port =
+        std::uint32_t{p[0]} << 24 | std::uint32_t{p[1]} << 16 | std::uint32_t{p[2]} << 8 | p[3];
+    return dhcpsnoop_if_untrust_set(port, p[4]);
+}
+
+int answer_snoop_get(int fd, std::span<const std::uint8_t> p) {
+    if (!p.empty()) {
+        return -1;
+    }
+    std::vector<std::uint8_t> state{static_cast<std::uint8_t>(dhcpsnoop_enable_get())};
+    for (std::uint32_t port = 1; port <= DHCPSNOOP_PORT_MAX; ++port) {
+        if (dhcpsnoop_port_untrust_get(port) == 1) {
+            state.push_back(static_cast<std::uint8_t>(port >> 8));
+            state.push_back(static_cast<std::uint8_t>(port));
+        }
+    }
+    return uclient_send(fd, UCLIENT_MSG_SNOOP_STATE, state);
+}
+
 }  // namespace
 
 uclient *uclient_connect(std::uint32_t addr, std::uint16_t port, std::uint16_t listen_port) {
@@ -233,18 +274,15 @@ int uclient_new_if(void *arg) {
     switch (msg->type) {
         case UCLIENT_MSG_PING:
             return uclient_send(msg->fd, UCLIENT_MSG_PONG, msg->payload) == 0 ? 0 : -1;
-        case UCLIENT_MSG_IF_NOTICE: {
-            if (msg->payload.empty() || msg->payload.size() > 20) {
-                return -1;
-            }
-            std::string name(msg->payload.begin(), msg->payload.end());
-            if (name.find('\0') != std::string::npos) {
-                return -1;
-            }
-            uif_refresh();
-            return 0;
-        }
+        case UCLIENT_MSG_IF_NOTICE:
+            return handle_if_notice(msg->payload);
+        case UCLIENT_MSG_SNOOP_SET:
+            return handle_snoop_set(msg->payload);
+        case UCLIENT_MSG_SNOOP_TRUST:
+            return handle_snoop_trust(msg->payload);
+        case UCLIENT_MSG_SNOOP_GET:
+            return answer_snoop_get(msg->fd, msg->payload);
         default:
-            return 0;  // HELLO, PONG and types of newer peers need nothing from us
+            return 0;  // HELLO, PONG, SNOOP_STATE and newer peers' types need nothing
     }
 }

@@ -14,13 +14,27 @@
 //   offset 4  u32 payload length (at most UCLIENT_MAX_PAYLOAD)
 //   offset 8  payload
 // Types:
-//   1 HELLO     payload: the client's name ("dhcpd"); sent on connecting
-//   2 IF_NOTICE payload: an interface name (1..20 bytes); the platform
-//               refreshes its port and VLAN tables
-//   3 PING      payload: anything (echoed)
-//   4 PONG      the echo of a PING
-// A message with a bad magic or an over-long payload ends that connection;
-// unknown types are ignored.
+//   1 HELLO       payload: the client's name ("dhcpd"); sent on connecting
+//   2 IF_NOTICE   payload: an interface name (1..20 bytes, no NUL); the
+//                 platform refreshes its port and VLAN tables
+//   3 PING        payload: anything (echoed)
+//   4 PONG        the echo of a PING
+//   5 SNOOP_SET   payload: 1 byte: 1 turns DHCP snooping on, 0 off
+//   6 SNOOP_TRUST payload: 5 bytes: u32 switch port number (1..4095; the
+//                 number that ends the port's name, swp3 is 3), then 1 byte:
+//                 1 makes the port untrusted, 0 trusted
+//   7 SNOOP_GET   payload: empty; answered with SNOOP_STATE
+//   8 SNOOP_STATE payload: 1 byte snooping on (1) or off (0), then one u16
+//                 per untrusted port: its number, in ascending order
+// At start snooping is off and every port is trusted; the state is the
+// daemon's (any peer may set it) and lasts as long as the daemon. Messages
+// on one connection are handled in the order sent.
+// A message with a bad magic, an over-long payload, or a payload its type
+// does not allow (a wrong length, a value other than 0 or 1, a port number
+// outside 1..4095) ends that connection, and what came after it on that
+// connection is not handled; so does a PING or SNOOP_GET whose answer cannot
+// be sent. The bus connection, once ended, is made again as above. Unknown
+// types, and messages of types 1, 4 and 8 sent to the daemon, are ignored.
 #pragma once
 
 #include <cstddef>
@@ -39,6 +53,10 @@ enum uclient_msg_type : std::uint16_t {
     UCLIENT_MSG_IF_NOTICE = 2,
     UCLIENT_MSG_PING = 3,
     UCLIENT_MSG_PONG = 4,
+    UCLIENT_MSG_SNOOP_SET = 5,
+    UCLIENT_MSG_SNOOP_TRUST = 6,
+    UCLIENT_MSG_SNOOP_GET = 7,
+    UCLIENT_MSG_SNOOP_STATE = 8,
 };
 
 // One received message, valid only during the callback.

@@ -89,7 +89,9 @@ void scan_vlans() {
     for_each_netdev([](const std::string &dev) {
         std::uint16_t vid = vid_from_name(dev.c_str());
         if (vid != 0) {
-            uvlan v{vid, dev, std::atoi(read_line(T().root + "/" + dev + "/ifindex").c_str())};
+            const std::string dir = T().root + "/" + dev;
+            uvlan v{vid, dev, std::atoi(read_line(dir + "/ifindex").c_str()),
+                    access((dir + "/bridge").c_str(), F_OK) == 0};
             T().vlans[vid] = v;
         }
     });
@@ -151,6 +153,12 @@ const uif *uif_lookup_by_name(const char *name) {
 }
 
 const uif *uif_lookup_by_index(std::uint32_t index) {
+    if (index == 0) {
+        return nullptr;  // names no port: not worth a re-read
+    }
+    if (index < UIF_INDEX_BASE) {
+        index |= UIF_INDEX_BASE;  // a bare port number
+    }
     return find_port([index](const uif &p) { return p.index == index; });
 }
 
@@ -163,6 +171,30 @@ const uif *uif_lookup_by_kernel_ifindex(int ifindex) {
         return nullptr;
     }
     return find_port([ifindex](const uif &p) { return p.kernel_ifindex == ifindex; });
+}
+
+const uif *uif_peek_by_kernel_ifindex(int ifindex) {
+    if (ifindex <= 0) {
+        return nullptr;
+    }
+    for (const auto &[idx, p] : T().ports) {
+        if (p.kernel_ifindex == ifindex) {
+            return &p;
+        }
+    }
+    return nullptr;
+}
+
+const uvlan *uvlan_peek_by_kernel_ifindex(int ifindex) {
+    if (ifindex <= 0) {
+        return nullptr;
+    }
+    for (const auto &[vid, v] : T().vlans) {
+        if (v.kernel_ifindex == ifindex) {
+            return &v;
+        }
+    }
+    return nullptr;
 }
 
 const uvlan *uvlan_lookup(std::uint16_t vid) {

@@ -4,7 +4,10 @@
 // of that name; the switch ports are the netdevs enslaved to such bridges,
 // numbered by the decimal number that ends their name (swp3 -> port 3).
 // A port's `uif` index carries a non-zero top byte: UIF_INDEX_BASE | number,
-// so it never collides with a kernel interface index.
+// so it never collides with a kernel interface index. The lookups by index
+// also take a bare port number (1 up to UIF_INDEX_BASE - 1), the form in
+// which trapped frames name their ingress port (platform/trap.h); 0 names no
+// port.
 // The tables are read from sysfs at start-up and refreshed on demand (a name
 // or index not found triggers one re-read), so ports added later are seen.
 #pragma once
@@ -29,6 +32,7 @@ struct uvlan {
     std::uint16_t vid = 0;
     std::string name;  // "vlanifN"
     int kernel_ifindex = 0;
+    bool bridge = false;  // a Linux bridge, whose ports are switch ports
 };
 
 void uif_init();
@@ -42,6 +46,11 @@ const uif *uif_lookup_by_number(std::uint32_t number);
 // The port whose kernel netdev has this index (as netlink reports it).
 const uif *uif_lookup_by_kernel_ifindex(int ifindex);
 const uvlan *uvlan_lookup(std::uint16_t vid);
+// For each received frame: the port, or the vlanifN netdev, whose kernel
+// netdev has this index, from the tables as they stand (a miss never
+// re-reads them).
+const uif *uif_peek_by_kernel_ifindex(int ifindex);
+const uvlan *uvlan_peek_by_kernel_ifindex(int ifindex);
 // The port's MAC address; 0, or -1 when the port is unknown.
 int uif_get_portmac(std::uint32_t index, std::uint8_t mac[6]);
 // N for an interface named vlanifN (1..4094), 0 for any other interface.

@@ -21,3 +21,11 @@ int vemix_str2mac(const char *text, std::uint8_t mac[6]) {
     std::memcpy(mac, out, 6);
     return 0;
 }
+
+std::uint8_t *vemix_remove_tag(std::uint8_t *frame) {
+    if (frame == nullptr || frame[12] != 0x81 || frame[13] != 0x00) {
+        return frame;
+    }
+    std::memmove(frame + 4, frame, 12);
+    return frame + 4;
+}

@@ -1,29 +1,33 @@
-// The hardware-abstraction layer on Linux: the DHCP trapping state, and the
+// The hardware-abstraction layer on Linux: DHCP trapping turned on and off
+// by its two users, with frames through the trapped-frame channel, and the
 // port of a learned MAC from the bridge's forwarding database (in a network
 // namespace of our own, with its own sysfs for the port table).
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <net/if.h>
+#include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "lib/unique_fd.h"
 #include "platform/hal.h"
+#include "platform/trap.h"
 #include "platform/uif.h"
+#include "platform/util.h"
 
 namespace {
-
-TEST(HalDhcp, EnableStateIsRecorded) {
-    EXPECT_EQ(hal_dhcp_enable(1), 0);
-    EXPECT_EQ(hal_dhcp_enabled(), 1);
-    EXPECT_EQ(hal_dhcp_enable(0), 0);
-    EXPECT_EQ(hal_dhcp_enabled(), 0);
-    EXPECT_EQ(hal_dhcp_enable(7), 0);
-    EXPECT_EQ(hal_dhcp_enabled(), 1);
-    hal_dhcp_enable(0);
-}
 
 TEST(HalMac, MissingArgumentsFail) {
     const std::uint8_t mac[6] = {2, 0, 0, 0, 0, 1};
@@ -120,6 +124,166 @@ struct Switch : ::testing::Test {
         EXPECT_EQ(port_of(10, "33:33:00:00:00:01"), 0u);
     }
 };
+
+// ---- trapping ----
+
+using bytes = std::vector<std::uint8_t>;
+
+// A DHCP request from h1's side, untagged or with one 802.1Q tag; `mark`
+// makes each frame its own.
+bytes dhcp_request(std::uint8_t mark, std::uint16_t tci = 0) {
+    bytes f = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff, 0x02, 0x00, 0x00, 0x00, 0x0a, 0x01};
+    if (tci != 0) {
+        f.insert(f.end(),
+                 {0x81, 0x00, static_cast<std::uint8_t>(tci >> 8), static_cast<std::uint8_t>(tci)});
+    }
+    const bytes ip_udp = {0x08, 0x00, 0x45, 0,   0,   48,  0,   1, 0,  0, 64, 17, 0,  0, 0,
+                          0,    0,    0,    255, 255, 255, 255, 0, 68, 0, 67, 0,  28, 0, 0};
+    const std::size_t ip = f.size() + 2;
+    f.insert(f.end(), ip_udp.begin(), ip_udp.end());
+    // A valid header checksum: the bridge checks it before flooding.
+    const std::uint16_t sum = inet_cksum({f.data() + ip, 20});
+    std::memcpy(f.data() + ip + 10, &sum, 2);
+    f.insert(f.end(), {1, 1, 6, 0, 0xde, 0xad, 0xbe, mark});  // op .. xid
+    f.resize(f.size() + 12, 0);
+    return f;
+}
+
+struct trapped {
+    std::uint32_t type;
+    hal_trap_hdr hdr;
+    bytes frame;
+};
+std::vector<trapped> caught;
+
+int catch_frame(std::uint32_t type, std::uint8_t *msg, std::uint32_t frame_len) {
+    trapped t{type, {}, {}};
+    std::memcpy(&t.hdr, msg, sizeof t.hdr);
+    const std::uint8_t *f = msg + sizeof t.hdr + t.hdr.gap;
+    t.frame.assign(f, f + frame_len);
+    caught.push_back(t);
+    return 0;
+}
+
+unique_fd packet_socket(const char *dev) {
+    unique_fd fd(socket(AF_PACKET, SOCK_RAW, htons(ETH_P_ALL)));
+    sockaddr_ll sll{};
+    sll.sll_family = AF_PACKET;
+    sll.sll_protocol = htons(ETH_P_ALL);
+    sll.sll_ifindex = static_cast<int>(if_nametoindex(dev));
+    if (!fd || bind(fd.get(), reinterpret_cast<sockaddr *>(&sll), sizeof sll) != 0) {
+        ADD_FAILURE() << "packet socket on " << dev << ": " << std::strerror(errno);
+    }
+    return fd;
+}
+
+// Waits up to `seconds` for `fd` to become readable.
+bool readable(int fd, int seconds) {
+    pollfd p{fd, POLLIN, 0};
+    return poll(&p, 1, seconds * 1000) == 1;
+}
+
+struct Trap : Switch {
+    unique_fd h1, h2;
+    void SetUp() override {
+        Switch::SetUp();
+        if (!IsSkipped()) {
+            h1 = packet_socket("h1");
+            h2 = packet_socket("h2");
+        }
+        caught.clear();
+    }
+    void TearDown() override {
+        while (hal_dhcp_enabled() != 0) {
+            hal_dhcp_enable(0);
+        }
+        Switch::TearDown();
+    }
+    // Sends `frame` into swp1 and waits until the bridge has flooded it to
+    // h2: by then the channel has taken it or not.
+    void send_through(const bytes &frame) {
+        ASSERT_EQ(send(h1.get(), frame.data(), frame.size(), 0),
+                  static_cast<ssize_t>(frame.size()));
+        const bytes tail(frame.end() - 20, frame.end());
+        std::uint8_t buf[2048];
+        while (readable(h2.get(), 5)) {
+            ssize_t n = recv(h2.get(), buf, sizeof buf, 0);
+            if (n >= 20 && std::equal(tail.begin(), tail.end(), buf + n - 20)) {
+                return;
+            }
+        }
+        FAIL() << "the frame never crossed the switch";
+    }
+    // The next trapped message, waiting up to 5 seconds for one.
+    static std::optional<trapped> next(int fd) {
+        caught.clear();
+        while (caught.empty() && readable(fd, 5)) {
+            EXPECT_EQ(hal_recv(fd, catch_frame), 0);
+        }
+        if (caught.empty()) {
+            return std::nullopt;
+        }
+        return caught.front();
+    }
+};
+
+TEST_F(Trap, EachUserTurnsItOnAndOffAndTheDescriptorStays) {
+    ASSERT_EQ(hal_dhcp_enable(1), 0);  // the server
+    const int fd = hal_netlink_async;
+    ASSERT_GE(fd, 0);
+    EXPECT_EQ(hal_dhcp_enabled(), 1);
+    ASSERT_EQ(hal_dhcp_enable(1), 0);  // the relay
+    EXPECT_EQ(hal_netlink_async, fd);
+    ASSERT_EQ(hal_dhcp_enable(0), 0);  // the server off: the relay's frames still come
+    EXPECT_EQ(hal_dhcp_enabled(), 1);
+    const bytes untagged = dhcp_request(1);
+    send_through(untagged);
+    auto t = next(fd);
+    ASSERT_TRUE(t);
+    EXPECT_EQ(t->type, HAL_MSG_TRAPPED_FRAME);
+    EXPECT_EQ(t->hdr.port, 1u);
+    EXPECT_EQ(t->hdr.vlan, 10);
+    EXPECT_EQ(t->hdr.gap, HAL_TRAP_GAP);
+    EXPECT_EQ(t->frame, untagged);
+    // The kernel takes the tag out of the frame; the channel puts it back.
+    const bytes tagged = dhcp_request(2, 0x2014);
+    send_through(tagged);
+    t = next(fd);
+    ASSERT_TRUE(t);
+    EXPECT_EQ(t->hdr.vlan, 20);
+    EXPECT_EQ(t->frame, tagged);
+
+    ASSERT_EQ(hal_dhcp_enable(0), 0);  // the relay off: nobody left
+    EXPECT_EQ(hal_dhcp_enabled(), 0);
+    EXPECT_EQ(hal_netlink_async, fd);
+    send_through(dhcp_request(3));
+    caught.clear();
+    EXPECT_EQ(hal_recv(fd, catch_frame), 0);
+    EXPECT_TRUE(caught.empty());
+    EXPECT_EQ(hal_dhcp_enable(0), 0);  // an off too many changes nothing
+    EXPECT_EQ(hal_dhcp_enabled(), 0);
+
+    ASSERT_EQ(hal_dhcp_enable(1), 0);
+    EXPECT_EQ(hal_netlink_async, fd);
+    const bytes fresh = dhcp_request(4);
+    send_through(fresh);
+    t = next(fd);
+    ASSERT_TRUE(t);
+    EXPECT_EQ(t->frame, fresh);
+}
+
+TEST_F(Trap, FramesQueuedWhileOnlyTheServerTrappedAreDroppedWhenTheRelayComesOn) {
+    ASSERT_EQ(hal_dhcp_enable(1), 0);  // the server, which never reads the channel
+    const int fd = hal_netlink_async;
+    send_through(dhcp_request(5));
+    send_through(dhcp_request(6));
+    ASSERT_EQ(hal_dhcp_enable(1), 0);  // the relay
+    const bytes fresh = dhcp_request(7);
+    send_through(fresh);
+    auto t = next(fd);
+    ASSERT_TRUE(t);
+    EXPECT_EQ(t->frame, fresh);
+}
 
 TEST_F(Switch, PortOfALearnedMac) {
     check_lookups("02:00:00:00:01:01", "02:00:00:00:01:02");

@@ -1,0 +1,377 @@
+#include "trap.h"
+
+#include <arpa/inet.h>
+#include <linux/filter.h>
+#include <linux/if_ether.h>
+#include <linux/if_packet.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "lib/log.h"
+#include "lib/unique_fd.h"
+#include "platform/uif.h"
+#include "platform/util.h"
+
+int hal_netlink_async = -1;
+
+namespace {
+
+constexpr std::size_t ETH_HDR = 14;
+constexpr std::size_t MAC_PAIR = 12;  // destination and source MAC
+constexpr std::size_t TAG_LEN = 4;
+constexpr std::uint16_t TPID_8021Q = 0x8100;
+// Socket buffer: room for a burst of a few thousand frames.
+constexpr int TRAP_RCVBUF = 4 << 20;
+// Frames dropped per hal_recv call before it gives the loop back.
+constexpr int RECV_SKIP_MAX = 32;
+// Frames dropped when delivery changes, at most (a flood never holds us).
+constexpr int DRAIN_MAX = 1 << 16;
+// A frame from a netdev the tables do not know re-reads them, at most this
+// often.
+constexpr std::uint64_t REFRESH_MIN_MS = 1000;
+
+// ---- the trap rule in classic BPF ----
+//
+// Outgoing frames are refused. The IPv4 header is at 14 (untagged, or the
+// kernel holds the 802.1Q tag aside) or at 18 (the tag still in the frame);
+// a frame with a tag aside and another in it, or a tag aside of another
+// TPID, is refused. Then: version 4, protocol UDP or TCP, the first fragment,
+// a header of at least 20 bytes, and source or destination port 67 or 68.
+
+constexpr sock_filter stmt(std::uint16_t code, std::uint32_t k) {
+    return sock_filter{code, 0, 0, k};
+}
+// A conditional jump at position `at`, to positions `yes` and `no`.
+constexpr sock_filter jump(std::uint16_t code, std::uint32_t k, int at, int yes, int no) {
+    return sock_filter{code, static_cast<std::uint8_t>(yes - at - 1),
+                       static_cast<std::uint8_t>(no - at - 1), k};
+}
+
+constexpr std::uint16_t LD_W_ABS = BPF_LD | BPF_W | BPF_ABS;
+constexpr std::uint16_t LD_H_ABS = BPF_LD | BPF_H | BPF_ABS;
+constexpr std::uint16_t LD_B_IND = BPF_LD | BPF_B | BPF_IND;
+constexpr std::uint16_t LD_H_IND = BPF_LD | BPF_H | BPF_IND;
+constexpr std::uint16_t JEQ = BPF_JMP | BPF_JEQ | BPF_K;
+constexpr std::uint16_t JGE = BPF_JMP | BPF_JGE | BPF_K;
+constexpr std::uint16_t JSET = BPF_JMP | BPF_JSET | BPF_K;
+constexpr std::uint32_t AD(std::uint32_t what) {
+    return static_cast<std::uint32_t>(SKF_AD_OFF) + what;
+}
+
+// Positions the jumps aim at.
+constexpr int NOAUX = 8;
+constexpr int L3_AT_14 = 15;
+constexpr int IPV4 = 16;
+constexpr int IS_L4 = 22;
+constexpr int ACCEPT = 36;
+constexpr int DROP = 37;
+
+constexpr std::array<sock_filter, 38> DHCP_RULE = {{
+    /* 0 */ stmt(LD_W_ABS, AD(SKF_AD_PKTTYPE)),
+    /* 1 */ jump(JEQ, PACKET_OUTGOING, 1, DROP, 2),
+    /* 2 */ stmt(LD_W_ABS, AD(SKF_AD_VLAN_TAG_PRESENT)),
+    /* 3 */ jump(JEQ, 0, 3, NOAUX, 4),
+    /* 4 */ stmt(LD_W_ABS, AD(SKF_AD_VLAN_TPID)),
+    /* 5 */ jump(JEQ, TPID_8021Q, 5, 6, DROP),
+    /* 6 */ stmt(LD_H_ABS, 12),
+    /* 7 */ jump(JEQ, ETH_P_IP, 7, L3_AT_14, DROP),
+    /* 8 */ stmt(LD_H_ABS, 12),
+    /* 9 */ jump(JEQ, ETH_P_IP, 9, L3_AT_14, 10),
+    /* 10 */ jump(JEQ, TPID_8021Q, 10, 11, DROP),
+    /* 11 */ stmt(LD_H_ABS, 16),
+    /* 12 */ jump(JEQ, ETH_P_IP, 12, 13, DROP),
+    /* 13 */ stmt(BPF_LDX | BPF_W | BPF_IMM, 18),
+    /* 14 */ stmt(BPF_JMP | BPF_JA, IPV4 - 14 - 1),
+    /* 15 */ stmt(BPF_LDX | BPF_W | BPF_IMM, 14),
+    /* 16 */ stmt(LD_B_IND, 0),
+    /* 17 */ stmt(BPF_ALU | BPF_RSH | BPF_K, 4),
+    /* 18 */ jump(JEQ, 4, 18, 19, DROP),
+    /* 19 */ stmt(LD_B_IND, 9),
+    /* 20 */ jump(JEQ, IPPROTO_UDP, 20, IS_L4, 21),
+    /* 21 */ jump(JEQ, IPPROTO_TCP, 21, IS_L4, DROP),
+    /* 22 */ stmt(LD_H_IND, 6),
+    /* 23 */ jump(JSET, 0x1fff, 23, DROP, 24),
+    /* 24 */ stmt(LD_B_IND, 0),
+    /* 25 */ stmt(BPF_ALU | BPF_AND | BPF_K, 0x0f),
+    /* 26 */ jump(JGE, 5, 26, 27, DROP),
+    /* 27 */ stmt(BPF_ALU | BPF_LSH | BPF_K, 2),
+    /* 28 */ stmt(BPF_ALU | BPF_ADD | BPF_X, 0),
+    /* 29 */ stmt(BPF_MISC | BPF_TAX, 0),
+    /* 30 */ stmt(LD_H_IND, 0),
+    /* 31 */ jump(JEQ, 67, 31, ACCEPT, 32),
+    /* 32 */ jump(JEQ, 68, 32, ACCEPT, 33),
+    /* 33 */ stmt(LD_H_IND, 2),
+    /* 34 */ jump(JEQ, 67, 34, ACCEPT, 35),
+    /* 35 */ jump(JEQ, 68, 35, ACCEPT, DROP),
+    /* 36 */ stmt(BPF_RET | BPF_K, 0x40000),
+    /* 37 */ stmt(BPF_RET | BPF_K, 0),
+}};
+
+static_assert(DHCP_RULE[NOAUX].k == 12 && DHCP_RULE[L3_AT_14].k == 14 &&
+              DHCP_RULE[IPV4].code == LD_B_IND && DHCP_RULE[IS_L4].k == 6 &&
+              DHCP_RULE[ACCEPT].k != 0 && DHCP_RULE[DROP].k == 0);
+
+constexpr std::array<sock_filter, 1> NOTHING = {{stmt(BPF_RET | BPF_K, 0)}};
+
+// ---- the socket ----
+
+struct channel {
+    unique_fd sock;
+    std::uint64_t last_refresh_ms = 0;
+    bool refreshed = false;
+    std::array<std::uint8_t, HAL_TRAP_FRAME_MAX> rx{};
+    std::array<std::uint8_t, HAL_TRAP_MSG_MAX> msg{};
+};
+
+channel &chan() {
+    static channel c;
+    return c;
+}
+
+int attach(int fd, const sock_fprog &prog) {
+    return setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof prog);
+}
+
+void drain(int fd) {
+    std::uint8_t byte = 0;
+    for (int i = 0; i < DRAIN_MAX; ++i) {
+        if (recv(fd, &byte, sizeof byte, MSG_DONTWAIT | MSG_TRUNC) < 0 && errno != EINTR) {
+            return;
+        }
+    }
+}
+
+void set_option(int fd, int level, int name, int value) {
+    setsockopt(fd, level, name, &value, sizeof value);
+}
+
+// Where the frame came in, re-reading the tables (rarely) for a stranger.
+bool ingress_of(int ifindex, trap_ingress *in) {
+    trap_source s = trap_source_of(ifindex, in);
+    if (s != trap_source::unknown) {
+        return s == trap_source::ingress;
+    }
+    channel &c = chan();
+    std::uint64_t now = monotonic_ms();
+    if (c.refreshed && now - c.last_refresh_ms < REFRESH_MIN_MS) {
+        return false;
+    }
+    c.refreshed = true;
+    c.last_refresh_ms = now;
+    uif_refresh();
+    return trap_source_of(ifindex, in) == trap_source::ingress;
+}
+
+trap_aux aux_of(msghdr &mh) {
+    trap_aux aux;
+    for (cmsghdr *cm = CMSG_FIRSTHDR(&mh); cm != nullptr; cm = CMSG_NXTHDR(&mh, cm)) {
+        if (cm->cmsg_level != SOL_PACKET || cm->cmsg_type != PACKET_AUXDATA ||
+            cm->cmsg_len < CMSG_LEN(sizeof(tpacket_auxdata))) {
+            continue;
+        }
+        tpacket_auxdata ad;
+        std::memcpy(&ad, CMSG_DATA(cm), sizeof ad);
+        if ((ad.tp_status & TP_STATUS_VLAN_VALID) != 0) {
+            aux.tagged = true;
+            aux.tci = ad.tp_vlan_tci;
+            if ((ad.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0) {
+                aux.tpid = ad.tp_vlan_tpid;
+            }
+        }
+    }
+    return aux;
+}
+
+enum class got { frame, skipped, none, failed };
+
+// Reads one frame; builds its message when it is a trapped frame.
+got read_one(int fd, std::size_t *frame_len) {
+    channel &c = chan();
+    sockaddr_ll from{};
+    alignas(cmsghdr) std::uint8_t control[CMSG_SPACE(sizeof(tpacket_auxdata))];
+    iovec iov{c.rx.data(), c.rx.size()};
+    msghdr mh{};
+    mh.msg_name = &from;
+    mh.msg_namelen = sizeof from;
+    mh.msg_iov = &iov;
+    mh.msg_iovlen = 1;
+    mh.msg_control = control;
+    mh.msg_controllen = sizeof control;
+    ssize_t n = recvmsg(fd, &mh, MSG_DONTWAIT | MSG_TRUNC);
+    if (n < 0) {
+        return (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) ? got::none
+                                                                           : got::failed;
+    }
+    if ((mh.msg_flags & MSG_TRUNC) != 0 || static_cast<std::size_t>(n) > c.rx.size() ||
+        from.sll_pkttype == PACKET_OUTGOING) {
+        return got::skipped;
+    }
+    trap_ingress in;
+    if (!ingress_of(from.sll_ifindex, &in)) {
+        return got::skipped;
+    }
+    *frame_len = trap_build_msg(c.msg, {c.rx.data(), static_cast<std::size_t>(n)}, in, aux_of(mh));
+    return *frame_len == 0 ? got::skipped : got::frame;
+}
+
+void put_u16(std::uint8_t *p, std::uint16_t v) {
+    p[0] = static_cast<std::uint8_t>(v >> 8);
+    p[1] = static_cast<std::uint8_t>(v);
+}
+
+std::uint16_t get_u16(const std::uint8_t *p) {
+    return static_cast<std::uint16_t>(p[0] << 8 | p[1]);
+}
+
+}  // namespace
+
+// The kernel copies the programs and never writes through sock_fprog's
+// non-const pointer.
+const sock_fprog &trap_filter_dhcp() {
+    static const sock_fprog prog{static_cast<unsigned short>(DHCP_RULE.size()),
+                                 const_cast<sock_filter *>(DHCP_RULE.data())};
+    return prog;
+}
+
+const sock_fprog &trap_filter_none() {
+    static const sock_fprog prog{static_cast<unsigned short>(NOTHING.size()),
+                                 const_cast<sock_filter *>(NOTHING.data())};
+    return prog;
+}
+
+int trap_channel_open() {
+    channel &c = chan();
+    if (c.sock) {
+        return 0;
+    }
+    // Protocol 0: nothing arrives before the filter is in place and the
+    // socket is bound.
+    unique_fd fd(socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!fd) {
+        zlog_err("hal: can't open the trap channel: %s", std::strerror(errno));
+        return -1;
+    }
+    if (attach(fd.get(), trap_filter_none()) != 0) {
+        zlog_err("hal: can't filter the trap channel: %s", std::strerror(errno));
+        return -1;
+    }
+    set_option(fd.get(), SOL_PACKET, PACKET_AUXDATA, 1);
+    set_option(fd.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, 1);  // kernels from 4.20
+    if (setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &TRAP_RCVBUF, sizeof TRAP_RCVBUF) != 0) {
+        set_option(fd.get(), SOL_SOCKET, SO_RCVBUF, TRAP_RCVBUF);
+    }
+    sockaddr_ll sll{};
+    sll.sll_family = AF_PACKET;
+    sll.sll_protocol = htons(ETH_P_ALL);
+    if (bind(fd.get(), reinterpret_cast<sockaddr *>(&sll), sizeof sll) != 0) {
+        zlog_err("hal: can't bind the trap channel: %s", std::strerror(errno));
+        return -1;
+    }
+    c.sock = std::move(fd);
+    hal_netlink_async = c.sock.get();
+    return 0;
+}
+
+int trap_channel_deliver(bool on) {
+    channel &c = chan();
+    if (!c.sock) {
+        return on ? -1 : 0;
+    }
+    int fd = c.sock.get();
+    if (on) {
+        drain(fd);
+    }
+    if (attach(fd, on ? trap_filter_dhcp() : trap_filter_none()) != 0) {
+        zlog_err("hal: can't filter the trap channel: %s", std::strerror(errno));
+        return -1;
+    }
+    if (!on) {
+        drain(fd);
+    }
+    return 0;
+}
+
+trap_source trap_source_of(int ifindex, trap_ingress *in) {
+    if (const uif *p = uif_peek_by_kernel_ifindex(ifindex)) {
+        in->port = p->number;
+        in->vid = p->vid;
+        return trap_source::ingress;
+    }
+    if (const uvlan *v = uvlan_peek_by_kernel_ifindex(ifindex)) {
+        if (v->bridge) {
+            return trap_source::other;
+        }
+        in->port = 0;
+        in->vid = v->vid;
+        return trap_source::ingress;
+    }
+    return trap_source::unknown;
+}
+
+std::size_t trap_build_msg(std::span<std::uint8_t> out, std::span<const std::uint8_t> frame,
+                           const trap_ingress &in, const trap_aux &aux) {
+    if (frame.size() < ETH_HDR) {
+        return 0;
+    }
+    const bool tag_in_frame = get_u16(&frame[MAC_PAIR]) == TPID_8021Q;
+    if (aux.tagged && (tag_in_frame || (aux.tpid != 0 && aux.tpid != TPID_8021Q))) {
+        return 0;
+    }
+    if (tag_in_frame && frame.size() < ETH_HDR + TAG_LEN) {
+        return 0;
+    }
+    const std::size_t frame_len = frame.size() + (aux.tagged ? TAG_LEN : 0);
+    const std::size_t start = sizeof(hal_trap_hdr) + HAL_TRAP_GAP;
+    if (out.size() < start || out.size() - start < frame_len) {
+        return 0;
+    }
+    std::uint16_t tci = 0;
+    if (aux.tagged) {
+        tci = aux.tci;
+    } else if (tag_in_frame) {
+        tci = get_u16(&frame[MAC_PAIR + 2]);
+    }
+    const auto vid = static_cast<std::uint16_t>(tci & 0x0fff);
+
+    hal_trap_hdr hdr{};
+    hdr.port = in.port;
+    hdr.vlan = vid != 0 ? vid : in.vid;
+    hdr.gap = HAL_TRAP_GAP;
+    std::memcpy(out.data(), &hdr, sizeof hdr);
+    std::memset(out.data() + sizeof hdr, 0, HAL_TRAP_GAP);
+
+    std::uint8_t *f = out.data() + start;
+    if (!aux.tagged) {
+        std::memcpy(f, frame.data(), frame.size());
+        return frame_len;
+    }
+    std::memcpy(f, frame.data(), MAC_PAIR);
+    put_u16(f + MAC_PAIR, TPID_8021Q);
+    put_u16(f + MAC_PAIR + 2, aux.tci);
+    std::memcpy(f + MAC_PAIR + TAG_LEN, frame.data() + MAC_PAIR, frame.size() - MAC_PAIR);
+    return frame_len;
+}
+
+int hal_recv(int fd, hal_recv_cb cb) {
+    if (fd < 0 || cb == nullptr) {
+        return -1;
+    }
+    for (int i = 0; i < RECV_SKIP_MAX; ++i) {
+        std::size_t frame_len = 0;
+        switch (read_one(fd, &frame_len)) {
+            case got::frame:
+                cb(HAL_MSG_TRAPPED_FRAME, chan().msg.data(), static_cast<std::uint32_t>(frame_len));
+                return 0;
+            case got::skipped:
+                continue;
+            case got::none:
+                return 0;
+            case got::failed:
+                return -1;
+        }
+    }
+    return 0;
+}
