@@ -135,7 +135,7 @@ int address_event(int command, zclient *zc, vrf_id_t vrf_id, const char *what,
         zlog_debug("interface %s address %s %s", ifname(c), what, buf);
     }
     if (c->address->family == AF_INET) {
-        act(c->ifp, CONNECTED_PREFIX(c));
+        act(c->ifp, dhcps_attach_prefix(c));
     }
     return 0;
 }
@@ -191,7 +191,7 @@ void dhcp_attach_pool_by_intf(interface *ifp) {
             if (!c->address || c->address->family != AF_INET) {
                 continue;
             }
-            const prefix *p = CONNECTED_PREFIX(c.get());
+            const prefix *p = dhcps_attach_prefix(c.get());
             if (pool_has_network(pool.get(), network_of(p))) {
                 dhcps_pool_set_interface(pool.get(), ifp, p);
                 return;

@@ -36,14 +36,11 @@ void replace_address_option(dhcps_pool *pool, const dhcp_option &desc, std::uint
     dhcp_attach_option(pool->options, desc, value);
 }
 
-// The network of a connected entry: its peer's for a point-to-point address.
-prefix masked_network(const connected *c) {
-    prefix net = *CONNECTED_PREFIX(c);
-    apply_mask(&net);
-    return net;
-}
-
 }  // namespace
+
+const prefix *dhcps_attach_prefix(const connected *c) {
+    return c != nullptr ? CONNECTED_PREFIX(c) : nullptr;
+}
 
 void dhcps_pool_list_init() {
     pools.clear();
@@ -249,12 +246,14 @@ int dhcps_network(dhcps_pool *pool, const prefix_ipv4 *p) {
 
     for (interface *ifp : vrf_iflist(VRF_DEFAULT)) {
         for (auto &c : ifp->connected) {
-            if (c->address->family != AF_INET) {
+            const prefix *addr = dhcps_attach_prefix(c.get());
+            if (addr == nullptr || addr->family != AF_INET) {
                 continue;
             }
-            prefix cn = masked_network(c.get());
+            prefix cn = *addr;
+            apply_mask(&cn);
             if (prefix_same(&cn, as_prefix(&net))) {
-                dhcps_pool_set_interface(pool, ifp, c->address.get());
+                dhcps_pool_set_interface(pool, ifp, addr);
                 return 0;
             }
         }

@@ -105,6 +105,13 @@ int dhcps_parse_option82(const std::uint8_t *data, int len, dhcp_option82 *out);
 int dhcps_network(dhcps_pool *pool, const prefix_ipv4 *prefix);
 void dhcps_pool_set_interface(dhcps_pool *pool, ::interface *ifp, const prefix *addr);
 void dhcps_pool_clear_interface(dhcps_pool *pool);
+// The prefix through which a connected entry attaches a pool: for a
+// point-to-point entry (peer flag set) its peer's, else its own. Its network
+// is matched against the pools' networks and its address becomes the
+// attached pool's server_ip. The network command and interface tracking
+// (address add, interface add) all take it from here, so a pool gets the
+// same server_ip whichever path attached it. Null for a null entry.
+const prefix *dhcps_attach_prefix(const connected *c);
 
 // Settings.
 void dhcps_settings_init();

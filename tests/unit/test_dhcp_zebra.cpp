@@ -344,6 +344,31 @@ TEST_F(Tracking, PeerAddressMatchesOnItsDestination) {
     expect_detached(far);
 }
 
+// The network command and the address events take the same prefix from a
+// point-to-point entry: the peer's, whose address becomes server_ip.
+TEST_F(Tracking, EveryAttachPathGivesAPeerPoolThePeersAddress) {
+    interface *ifp = vlanif10_up();
+    feed(Datagram().addr(RTM_NEWADDR, 7, "10.0.0.1/24", "192.168.5.2"));
+    // "network" on a pool made after the address was learned.
+    dhcps_pool *p = dhcps_pool_get("p5");
+    const std::uint32_t router = nip("192.168.5.1");
+    dhcp_attach_option(p->options, dhcp_option{0x31, DHCP_ROUTER},
+                       {reinterpret_cast<const std::uint8_t *>(&router), 4});
+    prefix_ipv4 net{};
+    ASSERT_EQ(str2prefix_ipv4("192.168.5.0/24", &net), 1);
+    ASSERT_EQ(dhcps_network(p, &net), 0);
+    expect_attached(p, ifp, "192.168.5.2");
+    // The address event.
+    feed(Datagram().addr(RTM_DELADDR, 7, "10.0.0.1/24", "192.168.5.2"));
+    expect_detached(p);
+    feed(Datagram().addr(RTM_NEWADDR, 7, "10.0.0.1/24", "192.168.5.2"));
+    expect_attached(p, ifp, "192.168.5.2");
+    // Interface add, through the table.
+    dhcps_pool_clear_interface(p);
+    dhcp_attach_pool_by_intf(ifp);
+    expect_attached(p, ifp, "192.168.5.2");
+}
+
 TEST_F(Tracking, Ipv6AddressesAreLoggedButNeverAttach) {
     dhcps_pool *p = pool("p1", "0.0.0.0/0");  // would take any IPv4 network
     interface *ifp = vlanif10_up();

@@ -166,12 +166,19 @@ TEST_F(Pools, NetworkAttachesToTheInterfaceHoldingAnAddressInIt) {
 TEST_F(Pools, NetworkMatchesAPointToPointAddressOnItsPeer) {
     interface *ifp = if_get_by_name("vlanif30");
     prefix local{}, peer{};
-    str2prefix("10.9.9.1/32", &local);
-    str2prefix("172.16.5.0/24", &peer);
+    str2prefix("10.9.9.1/24", &local);
+    str2prefix("172.16.5.2/24", &peer);
     connected_add(ifp, ZEBRA_IFA_PEER, &local, &peer);
+    dhcps_pool *own = make("own", "10.9.9.1", "10.9.9.0/24");
     dhcps_pool *p = make("p", "172.16.5.1", "172.16.5.0/24");
+    EXPECT_EQ(own->interface, nullptr);  // the local address's network is not matched
     EXPECT_EQ(p->interface, ifp);
-    EXPECT_EQ(p->server_ip, nip("10.9.9.1"));
+    // The peer's address is the prefix the entry stands for, as on an
+    // address event (interface tracking's tests pin that side).
+    EXPECT_EQ(p->server_ip, nip("172.16.5.2"));
+    EXPECT_EQ(p->next_server, nip("172.16.5.2"));
+    EXPECT_EQ(dhcps_attach_prefix(ifp->connected[0].get()), ifp->connected[0]->destination.get());
+    EXPECT_EQ(dhcps_attach_prefix(nullptr), nullptr);
 }
 
 TEST_F(Pools, SetAndClearInterfaceRefuseMissingArguments) {
