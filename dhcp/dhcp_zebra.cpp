@@ -82,10 +82,7 @@ int interface_delete(int, zclient *zc, std::uint16_t, vrf_id_t vrf_id) {
                    ifp->ifindex, static_cast<unsigned long long>(ifp->flags), ifp->metric,
                    static_cast<int>(ifp->mtu));
     }
-    dhcp_detach_pool_by_intf(ifp);
-    if (ifp->info != nullptr && dhcp_zebra_relay_teardown != nullptr) {
-        dhcp_zebra_relay_teardown(ifp);
-    }
+    dhcp_interface_release(ifp);
     // The interface stays in the table (configuration may refer to it).
     ifp->ifindex = IFINDEX_INTERNAL;
     return 0;
@@ -219,6 +216,35 @@ void dhcp_detach_pool_by_intf(interface *ifp) {
             dhcps_pool_clear_interface(pool.get());
             return;
         }
+    }
+}
+
+void dhcp_interface_release(interface *ifp) {
+    if (ifp == nullptr) {
+        return;
+    }
+    // Normally one pool at most; an interface holding addresses of two
+    // pools' networks carries both, and neither may keep pointing at it.
+    for (const auto &pool : dhcps_pool_list()) {
+        DHCP_ASSERT_DATA(pool != nullptr, NODE_DATA_TEXT);
+        if (pool->interface == ifp) {
+            dhcps_pool_clear_interface(pool.get());
+        }
+    }
+    if (ifp->info != nullptr && dhcp_zebra_relay_teardown != nullptr) {
+        dhcp_zebra_relay_teardown(ifp);
+    }
+}
+
+void dhcp_interface_forget(interface *ifp) {
+    if (ifp == nullptr) {
+        return;
+    }
+    const bool reported = ifp->ifindex != IFINDEX_INTERNAL;
+    dhcp_interface_release(ifp);
+    if_delete(ifp);
+    if (reported) {
+        zclient_send_requests(dhcp_zclient(), VRF_DEFAULT);
     }
 }
 

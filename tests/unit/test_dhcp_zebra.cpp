@@ -501,6 +501,44 @@ TEST_F(Tracking, DeleteHandsABoundInterfaceToTheRelayTeardown) {
     EXPECT_EQ(relay_torn_down, nullptr);  // empty slot: not called
 }
 
+TEST_F(Tracking, DeleteDetachesEveryPoolAttachedToTheInterface) {
+    dhcps_pool *p1 = pool("p1", "192.168.1.0/24");
+    dhcps_pool *p2 = pool("p2", "192.168.2.0/24");
+    interface *ifp = vlanif10_up();
+    feed(Datagram().addr(RTM_NEWADDR, 7, "192.168.1.1/24"));
+    feed(Datagram().addr(RTM_NEWADDR, 7, "192.168.2.1/24"));
+    expect_attached(p1, ifp, "192.168.1.1");
+    expect_attached(p2, ifp, "192.168.2.1");
+    // The delete alone, both addresses still listed.
+    EXPECT_EQ(deliver_interface(ZEBRA_INTERFACE_DELETE, "vlanif10", 7, 0), 0);
+    expect_detached(p1);
+    expect_detached(p2);
+}
+
+// ---- the operator's delete ("no interface IFNAME") ----------------------------------
+
+TEST_F(Tracking, ForgetReleasesLikeTheManagersDeleteAndDropsTheRecord) {
+    dhcps_pool *p1 = pool("p1", "192.168.1.0/24");
+    dhcps_pool *p2 = pool("p2", "192.168.2.0/24");
+    interface *ifp = vlanif10_up();
+    feed(Datagram().link(RTM_NEWLINK, 8, "vlanif20", kUp));
+    interface *other = if_lookup_by_name("vlanif20");
+    feed(Datagram().addr(RTM_NEWADDR, 7, "192.168.1.1/24"));
+    feed(Datagram().addr(RTM_NEWADDR, 8, "192.168.2.1/24"));
+    int binding = 1;
+    ifp->info = &binding;
+    dhcp_zebra_relay_teardown = fake_relay_teardown;
+    log.clear();
+    dhcp_interface_forget(ifp);
+    EXPECT_EQ(if_lookup_by_name("vlanif10"), nullptr);
+    EXPECT_EQ(relay_torn_down, ifp);  // compared as an address only: the record is gone
+    expect_detached(p1);
+    expect_attached(p2, other, "192.168.2.1");
+    EXPECT_TRUE(log.empty());
+    dhcp_interface_forget(nullptr);
+    dhcp_interface_release(nullptr);
+}
+
 // ---- unknown interfaces ---------------------------------------------------------------
 
 TEST_F(Tracking, UpOrDownOfAnUnknownInterfaceWarnsAndFails) {
@@ -643,6 +681,30 @@ TEST_F(Tracking, LiveDumpAndEventsAttachAndDetach) {
     run_until([&] { return ifp->ifindex == 0; });
     expect_detached(p);
     EXPECT_EQ(if_lookup_by_name("vlanif10"), ifp);
+}
+
+TEST_F(Tracking, LiveForgetLearnsTheInterfaceAgainFromTheKernel) {
+    if (unshare(CLONE_NEWNET) != 0 || sh("ip link set lo up") != 0) {
+        GTEST_SKIP() << "no private network namespace";
+    }
+    dhcps_pool *p = pool("p1", "192.168.1.0/24");
+    ASSERT_EQ(sh("ip link add vlanif10 type bridge && ip addr add 192.168.1.1/24 dev vlanif10"), 0);
+    auto run_until = [&](auto done) {
+        for (int i = 0; i < 500 && !done(); ++i) {
+            thread_run_once(m, 10);
+        }
+    };
+    run_until([&] { return p->interface != nullptr; });
+    ASSERT_NE(p->interface, nullptr);
+    dhcp_interface_forget(if_lookup_by_name("vlanif10"));
+    expect_detached(p);
+    EXPECT_EQ(if_lookup_by_name("vlanif10"), nullptr);
+    // Asked again, the kernel reports the interface and its address anew.
+    run_until([&] { return p->interface != nullptr; });
+    interface *again = if_lookup_by_name("vlanif10");
+    ASSERT_NE(again, nullptr);
+    EXPECT_NE(again->ifindex, IFINDEX_INTERNAL);
+    expect_attached(p, again, "192.168.1.1");
 }
 
 }  // namespace
