@@ -3,6 +3,7 @@
 
 #include <cstring>
 
+#include "dhcp/dhcp_zebra.h"
 #include "lib/if.h"
 #include "lib/vty.h"
 
@@ -77,8 +78,9 @@ DEFUN(dhcp_interface, dhcp_interface_cmd, "interface IFNAME",
 
 DEFUN(no_dhcp_interface, no_dhcp_interface_cmd, "no interface IFNAME",
       NO_STR "Select an interface to configure\nInterface's name\n") {
+    // Pools and the relay let go of the interface before its record goes.
     if (interface *ifp = if_lookup_by_name(argv[0]); ifp != nullptr) {
-        if_delete(ifp);
+        dhcp_interface_forget(ifp);
     }
     return CMD_SUCCESS;
 }

@@ -82,10 +82,7 @@ int interface_delete(int, zclient *zc, std::uint16_t, vrf_id_t vrf_id) {
                    ifp->ifindex, static_cast<unsigned long long>(ifp->flags), ifp->metric,
                    static_cast<int>(ifp->mtu));
     }
-    dhcp_detach_pool_by_intf(ifp);
-    if (ifp->info != nullptr && dhcp_zebra_relay_teardown != nullptr) {
-        dhcp_zebra_relay_teardown(ifp);
-    }
+    dhcp_interface_release(ifp);
     // The interface stays in the table (configuration may refer to it).
     ifp->ifindex = IFINDEX_INTERNAL;
     return 0;
@@ -135,7 +132,7 @@ int address_event(int command, zclient *zc, vrf_id_t vrf_id, const char *what,
         zlog_debug("interface %s address %s %s", ifname(c), what, buf);
     }
     if (c->address->family == AF_INET) {
-        act(c->ifp, CONNECTED_PREFIX(c));
+        act(c->ifp, dhcps_attach_prefix(c));
     }
     return 0;
 }
@@ -191,7 +188,7 @@ void dhcp_attach_pool_by_intf(interface *ifp) {
             if (!c->address || c->address->family != AF_INET) {
                 continue;
             }
-            const prefix *p = CONNECTED_PREFIX(c.get());
+            const prefix *p = dhcps_attach_prefix(c.get());
             if (pool_has_network(pool.get(), network_of(p))) {
                 dhcps_pool_set_interface(pool.get(), ifp, p);
                 return;
@@ -219,6 +216,35 @@ void dhcp_detach_pool_by_intf(interface *ifp) {
             dhcps_pool_clear_interface(pool.get());
             return;
         }
+    }
+}
+
+void dhcp_interface_release(interface *ifp) {
+    if (ifp == nullptr) {
+        return;
+    }
+    // Normally one pool at most; an interface holding addresses of two
+    // pools' networks carries both, and neither may keep pointing at it.
+    for (const auto &pool : dhcps_pool_list()) {
+        DHCP_ASSERT_DATA(pool != nullptr, NODE_DATA_TEXT);
+        if (pool->interface == ifp) {
+            dhcps_pool_clear_interface(pool.get());
+        }
+    }
+    if (ifp->info != nullptr && dhcp_zebra_relay_teardown != nullptr) {
+        dhcp_zebra_relay_teardown(ifp);
+    }
+}
+
+void dhcp_interface_forget(interface *ifp) {
+    if (ifp == nullptr) {
+        return;
+    }
+    const bool reported = ifp->ifindex != IFINDEX_INTERNAL;
+    dhcp_interface_release(ifp);
+    if_delete(ifp);
+    if (reported) {
+        zclient_send_requests(dhcp_zclient(), VRF_DEFAULT);
     }
 }
 

@@ -40,10 +40,24 @@ void dhcp_detach_pool_by_intf(interface *ifp);
 // connected entries, else 0 (also for a null interface, with a warning).
 int dhcp_connected_check(const interface *ifp, std::uint32_t address);
 
+// An interface is going away: the interface manager deleted it, or the
+// operator did ("no interface IFNAME"). Every pool attached to it is
+// detached, then, when its `info` slot is set, the relay's teardown is
+// called. Afterwards no record of the daemon refers to `ifp`. Both delete
+// paths go through here.
+void dhcp_interface_release(interface *ifp);
+// "no interface IFNAME": releases `ifp` and removes it from the interface
+// table (the record is freed). When the interface manager still reports the
+// interface (it has an index), the interface table is asked for again, so
+// the interface is learned afresh, with its addresses and without the
+// operator's settings, and its pools attach again through the usual events.
+void dhcp_interface_forget(interface *ifp);
+
 // The relay's teardown of an interface that is being deleted. Called for an
-// interface whose `info` slot is set, after its pool was detached and before
-// its index is cleared. The relay sets it when it comes up; it must free the
-// binding and its relay record, and clear `info`, only when the binding is a
-// relay binding (kind 1), leaving any other binding in place. Null: nothing
-// is done with `info`.
+// interface whose `info` slot is set, after its pools were detached and
+// before its index is cleared (interface manager) or the record is freed
+// (operator). The relay sets it when it comes up; it must free the binding
+// and its relay record, and clear `info`, only when the binding is a relay
+// binding (kind 1), leaving any other binding in place, and must keep no
+// pointer to the interface. Null: nothing is done with `info`.
 extern void (*dhcp_zebra_relay_teardown)(interface *ifp);

@@ -969,7 +969,9 @@ std::uint32_t dhcps_free_ip(interface *ifp, dhcps_pool *pool, const std::uint8_t
     next_static = statics.cbegin();
     lease_node *oldest = nullptr;
     std::int32_t oldest_expires = 0;
-    // 64 bits so a range ending at 255.255.255.255 still ends.
+    // 64 bits so a range ending at 255.255.255.255 still ends. Reached only
+    // when every candidate of the range is leased or skipped, so however wide
+    // the range, this walk is about as long as the lease table.
     for (std::uint64_t wide = pool->begin_ip; wide <= pool->end_ip; ++wide) {
         const auto a = static_cast<std::uint32_t>(wide);
         const auto [lease, expires] = t.first_by_nip_with_expiry(htonl(a));

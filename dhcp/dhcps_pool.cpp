@@ -36,14 +36,65 @@ void replace_address_option(dhcps_pool *pool, const dhcp_option &desc, std::uint
     dhcp_attach_option(pool->options, desc, value);
 }
 
-// The network of a connected entry: its peer's for a point-to-point address.
-prefix masked_network(const connected *c) {
-    prefix net = *CONNECTED_PREFIX(c);
-    apply_mask(&net);
-    return net;
+std::uint64_t range_walk_steps = 0;
+
+void free_first_lease_of(std::uint32_t nip) {
+    if (dhcps_lease *lease = dhcps_find_lease_by_nip(nip)) {
+        dhcps_lease_free(lease);
+    }
+}
+
+// Frees the lease of every address of the pool's range: for each address,
+// the first record holding it. A range can be far wider than the lease table
+// (a /8 has 16 million addresses, the table at most a few thousand records),
+// so the shorter of the two is walked.
+void release_range_leases(const dhcps_pool *pool) {
+    if (pool->end_ip < pool->begin_ip) {
+        return;
+    }
+    const std::uint64_t span = std::uint64_t{pool->end_ip} - pool->begin_ip + 1;
+    const auto records = static_cast<std::uint64_t>(std::max(dhcps_get_leases_num(), 0));
+    if (span <= records) {
+        range_walk_steps += span;
+        for (std::uint64_t a = pool->begin_ip; a <= pool->end_ip; ++a) {
+            free_first_lease_of(htonl(static_cast<std::uint32_t>(a)));
+        }
+        return;
+    }
+    range_walk_steps += records;
+    std::vector<std::uint32_t> held;  // network order, each address once
+    dhcps_lease_foreach([&](const dhcps_lease &l) {
+        const std::uint32_t nip = dhcps_lease_nip(&l);
+        const std::uint32_t h = ntohl(nip);
+        if (h >= pool->begin_ip && h <= pool->end_ip) {
+            held.push_back(nip);
+        }
+    });
+    std::sort(held.begin(), held.end());
+    held.erase(std::unique(held.begin(), held.end()), held.end());
+    for (std::uint32_t nip : held) {
+        free_first_lease_of(nip);
+    }
+}
+
+// Range defaults of a network: see dhcps_network() in the header.
+std::uint32_t default_begin(const prefix_ipv4 &typed, const prefix_ipv4 &net) {
+    return ntohl(typed.prefixlen >= 31 ? net.prefix.s_addr : typed.prefix.s_addr);
+}
+
+std::uint32_t default_end(const prefix_ipv4 &net, const in_addr &mask) {
+    return ntohl(net.prefix.s_addr | ~mask.s_addr);
 }
 
 }  // namespace
+
+const prefix *dhcps_attach_prefix(const connected *c) {
+    return c != nullptr ? CONNECTED_PREFIX(c) : nullptr;
+}
+
+std::uint64_t dhcps_range_walk_steps() {
+    return range_walk_steps;
+}
 
 void dhcps_pool_list_init() {
     pools.clear();
@@ -97,12 +148,7 @@ void dhcps_delete_a_pool(dhcps_pool *pool) {
     if (pool == nullptr) {
         return;
     }
-    for (std::uint64_t a = pool->begin_ip; a <= pool->end_ip; ++a) {
-        dhcps_lease *lease = dhcps_find_lease_by_nip(htonl(static_cast<std::uint32_t>(a)));
-        if (lease != nullptr) {
-            dhcps_lease_free(lease);
-        }
-    }
+    release_range_leases(pool);
     auto it =
         std::find_if(pools.begin(), pools.end(), [pool](const auto &p) { return p.get() == pool; });
     if (it != pools.end()) {
@@ -220,22 +266,22 @@ int dhcps_network(dhcps_pool *pool, const prefix_ipv4 *p) {
         zlog_warn("The input pointer is NULL!");
         return -1;
     }
+    in_addr mask{};
+    masklen2ip(p->prefixlen, &mask);
+    prefix_ipv4 net = *p;
+    apply_mask_ipv4(&net);
     // The range defaults are taken before any check and stay even when one fails.
     if (pool->begin_ip == 0) {
-        pool->begin_ip = ntohl(p->prefix.s_addr);
+        pool->begin_ip = default_begin(*p, net);
     }
     if (pool->end_ip == 0) {
-        pool->end_ip = ntohl(ipv4_broadcast_addr(p->prefix.s_addr, p->prefixlen));
+        pool->end_ip = default_end(net, mask);
     }
     const option_set *router = dhcp_find_option(pool->options, DHCP_ROUTER);
     if (router == nullptr) {
         zlog_warn("dhcp_find_option can't find DHCP_ROUTER!");
         return -1;
     }
-    in_addr mask{};
-    masklen2ip(p->prefixlen, &mask);
-    prefix_ipv4 net = *p;
-    apply_mask_ipv4(&net);
     if ((option_u32(router) & mask.s_addr) != net.prefix.s_addr) {
         zlog_warn("The default gateway should in network!");
         return -1;
@@ -245,16 +291,19 @@ int dhcps_network(dhcps_pool *pool, const prefix_ipv4 *p) {
     }
     *pool->prefix = net;
     replace_address_option(pool, kSubnetMaskOption, mask.s_addr);
-    replace_address_option(pool, kBroadcastOption, net.prefix.s_addr | ~mask.s_addr);
+    replace_address_option(pool, kBroadcastOption,
+                           ipv4_broadcast_addr(net.prefix.s_addr, net.prefixlen));
 
     for (interface *ifp : vrf_iflist(VRF_DEFAULT)) {
         for (auto &c : ifp->connected) {
-            if (c->address->family != AF_INET) {
+            const prefix *addr = dhcps_attach_prefix(c.get());
+            if (addr == nullptr || addr->family != AF_INET) {
                 continue;
             }
-            prefix cn = masked_network(c.get());
+            prefix cn = *addr;
+            apply_mask(&cn);
             if (prefix_same(&cn, as_prefix(&net))) {
-                dhcps_pool_set_interface(pool, ifp, c->address.get());
+                dhcps_pool_set_interface(pool, ifp, addr);
                 return 0;
             }
         }

@@ -102,9 +102,38 @@ std::size_t allow_count();
 int dhcps_parse_option82(const std::uint8_t *data, int len, dhcp_option82 *out);
 
 // Network and interface binding.
+//
+// dhcps_network(pool, prefix) stores the masked network and, when unset,
+// the range defaults: begin_ip is the address as typed, end_ip the last
+// address of the network. The subnet-mask option (1) carries the mask and
+// the broadcast option (28) the network's broadcast address. Two prefix
+// lengths have no broadcast address of their own, and for them:
+//   /31  a point-to-point link (RFC 3021): the range defaults to both
+//        addresses, whichever one was typed, and option 28 carries
+//        255.255.255.255;
+//   /32  a single-address pool: the range is that address and option 28
+//        carries 255.255.255.255. The default router must be that address
+//        (it has to lie in the network), and the free-address search never
+//        offers the router's address, so the address is handed out only
+//        through a static or port binding.
+// For /1 to /30 the range defaults to the typed address up to the broadcast
+// address. Either way the range never leaves the network, so no walk over
+// it goes beyond the network's size.
 int dhcps_network(dhcps_pool *pool, const prefix_ipv4 *prefix);
 void dhcps_pool_set_interface(dhcps_pool *pool, ::interface *ifp, const prefix *addr);
 void dhcps_pool_clear_interface(dhcps_pool *pool);
+// The prefix through which a connected entry attaches a pool: for a
+// point-to-point entry (peer flag set) its peer's, else its own. Its network
+// is matched against the pools' networks and its address becomes the
+// attached pool's server_ip. The network command and interface tracking
+// (address add, interface add) all take it from here, so a pool gets the
+// same server_ip whichever path attached it. Null for a null entry.
+const prefix *dhcps_attach_prefix(const connected *c);
+
+// Addresses and lease records looked at by pool deletions since start-up.
+// Deletion walks the range or the lease table, whichever is smaller, so one
+// deletion adds at most the number of lease records.
+std::uint64_t dhcps_range_walk_steps();
 
 // Settings.
 void dhcps_settings_init();

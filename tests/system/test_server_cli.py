@@ -139,3 +139,24 @@ def test_empty_lease_table_display(daemon):
     assert (r.returncode, r.stdout) == (0, LEASE_HEADER + "\nTotal: 0 leases match.\n")
     r = daemon.sh("show dhcp-server lease 300.1.1.1")
     assert (r.returncode, r.stdout) == (1, "% Malformed address \n")
+
+
+def test_point_to_point_and_host_networks_keep_their_range_inside(daemon):
+    # /31: both addresses of the link, whichever was typed; /32: the one address.
+    r = daemon.sh("configure terminal",
+                  "dhcp-server pool link", "default-router 10.0.0.0", "network 10.0.0.1/31",
+                  "exit",
+                  "dhcp-server pool host", "default-router 10.0.0.9", "network 10.0.0.9/32",
+                  "exit",
+                  "dhcp-server pool wide", "default-router 10.2.0.1", "network 10.2.0.1/30",
+                  "exit")
+    assert (r.returncode, r.stdout) == (0, "")
+    written = running_config(daemon)
+    assert " network 10.0.0.0/31\n begin-ip 10.0.0.0 end-ip 10.0.0.1\n" in written
+    assert " network 10.0.0.9/32\n begin-ip 10.0.0.9 end-ip 10.0.0.9\n" in written
+    assert " network 10.2.0.0/30\n begin-ip 10.2.0.1 end-ip 10.2.0.3\n" in written
+    # Deleting them walks their own addresses only.
+    r = daemon.sh("configure terminal", "no dhcp-server pool link", "no dhcp-server pool host",
+                  "no dhcp-server pool wide")
+    assert (r.returncode, r.stdout) == (0, "")
+    assert "dhcp-server pool" not in running_config(daemon)

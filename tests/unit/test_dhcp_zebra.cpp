@@ -344,6 +344,31 @@ TEST_F(Tracking, PeerAddressMatchesOnItsDestination) {
     expect_detached(far);
 }
 
+// The network command and the address events take the same prefix from a
+// point-to-point entry: the peer's, whose address becomes server_ip.
+TEST_F(Tracking, EveryAttachPathGivesAPeerPoolThePeersAddress) {
+    interface *ifp = vlanif10_up();
+    feed(Datagram().addr(RTM_NEWADDR, 7, "10.0.0.1/24", "192.168.5.2"));
+    // "network" on a pool made after the address was learned.
+    dhcps_pool *p = dhcps_pool_get("p5");
+    const std::uint32_t router = nip("192.168.5.1");
+    dhcp_attach_option(p->options, dhcp_option{0x31, DHCP_ROUTER},
+                       {reinterpret_cast<const std::uint8_t *>(&router), 4});
+    prefix_ipv4 net{};
+    ASSERT_EQ(str2prefix_ipv4("192.168.5.0/24", &net), 1);
+    ASSERT_EQ(dhcps_network(p, &net), 0);
+    expect_attached(p, ifp, "192.168.5.2");
+    // The address event.
+    feed(Datagram().addr(RTM_DELADDR, 7, "10.0.0.1/24", "192.168.5.2"));
+    expect_detached(p);
+    feed(Datagram().addr(RTM_NEWADDR, 7, "10.0.0.1/24", "192.168.5.2"));
+    expect_attached(p, ifp, "192.168.5.2");
+    // Interface add, through the table.
+    dhcps_pool_clear_interface(p);
+    dhcp_attach_pool_by_intf(ifp);
+    expect_attached(p, ifp, "192.168.5.2");
+}
+
 TEST_F(Tracking, Ipv6AddressesAreLoggedButNeverAttach) {
     dhcps_pool *p = pool("p1", "0.0.0.0/0");  // would take any IPv4 network
     interface *ifp = vlanif10_up();
@@ -474,6 +499,44 @@ TEST_F(Tracking, DeleteHandsABoundInterfaceToTheRelayTeardown) {
     feed(Datagram().link(RTM_NEWLINK, 7, "vlanif10", 0));
     feed(Datagram().link(RTM_DELLINK, 7, "vlanif10", 0));
     EXPECT_EQ(relay_torn_down, nullptr);  // empty slot: not called
+}
+
+TEST_F(Tracking, DeleteDetachesEveryPoolAttachedToTheInterface) {
+    dhcps_pool *p1 = pool("p1", "192.168.1.0/24");
+    dhcps_pool *p2 = pool("p2", "192.168.2.0/24");
+    interface *ifp = vlanif10_up();
+    feed(Datagram().addr(RTM_NEWADDR, 7, "192.168.1.1/24"));
+    feed(Datagram().addr(RTM_NEWADDR, 7, "192.168.2.1/24"));
+    expect_attached(p1, ifp, "192.168.1.1");
+    expect_attached(p2, ifp, "192.168.2.1");
+    // The delete alone, both addresses still listed.
+    EXPECT_EQ(deliver_interface(ZEBRA_INTERFACE_DELETE, "vlanif10", 7, 0), 0);
+    expect_detached(p1);
+    expect_detached(p2);
+}
+
+// ---- the operator's delete ("no interface IFNAME") ----------------------------------
+
+TEST_F(Tracking, ForgetReleasesLikeTheManagersDeleteAndDropsTheRecord) {
+    dhcps_pool *p1 = pool("p1", "192.168.1.0/24");
+    dhcps_pool *p2 = pool("p2", "192.168.2.0/24");
+    interface *ifp = vlanif10_up();
+    feed(Datagram().link(RTM_NEWLINK, 8, "vlanif20", kUp));
+    interface *other = if_lookup_by_name("vlanif20");
+    feed(Datagram().addr(RTM_NEWADDR, 7, "192.168.1.1/24"));
+    feed(Datagram().addr(RTM_NEWADDR, 8, "192.168.2.1/24"));
+    int binding = 1;
+    ifp->info = &binding;
+    dhcp_zebra_relay_teardown = fake_relay_teardown;
+    log.clear();
+    dhcp_interface_forget(ifp);
+    EXPECT_EQ(if_lookup_by_name("vlanif10"), nullptr);
+    EXPECT_EQ(relay_torn_down, ifp);  // compared as an address only: the record is gone
+    expect_detached(p1);
+    expect_attached(p2, other, "192.168.2.1");
+    EXPECT_TRUE(log.empty());
+    dhcp_interface_forget(nullptr);
+    dhcp_interface_release(nullptr);
 }
 
 // ---- unknown interfaces ---------------------------------------------------------------
@@ -618,6 +681,30 @@ TEST_F(Tracking, LiveDumpAndEventsAttachAndDetach) {
     run_until([&] { return ifp->ifindex == 0; });
     expect_detached(p);
     EXPECT_EQ(if_lookup_by_name("vlanif10"), ifp);
+}
+
+TEST_F(Tracking, LiveForgetLearnsTheInterfaceAgainFromTheKernel) {
+    if (unshare(CLONE_NEWNET) != 0 || sh("ip link set lo up") != 0) {
+        GTEST_SKIP() << "no private network namespace";
+    }
+    dhcps_pool *p = pool("p1", "192.168.1.0/24");
+    ASSERT_EQ(sh("ip link add vlanif10 type bridge && ip addr add 192.168.1.1/24 dev vlanif10"), 0);
+    auto run_until = [&](auto done) {
+        for (int i = 0; i < 500 && !done(); ++i) {
+            thread_run_once(m, 10);
+        }
+    };
+    run_until([&] { return p->interface != nullptr; });
+    ASSERT_NE(p->interface, nullptr);
+    dhcp_interface_forget(if_lookup_by_name("vlanif10"));
+    expect_detached(p);
+    EXPECT_EQ(if_lookup_by_name("vlanif10"), nullptr);
+    // Asked again, the kernel reports the interface and its address anew.
+    run_until([&] { return p->interface != nullptr; });
+    interface *again = if_lookup_by_name("vlanif10");
+    ASSERT_NE(again, nullptr);
+    EXPECT_NE(again->ifindex, IFINDEX_INTERNAL);
+    expect_attached(p, again, "192.168.1.1");
 }
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <initializer_list>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -166,12 +168,71 @@ TEST_F(Pools, NetworkAttachesToTheInterfaceHoldingAnAddressInIt) {
 TEST_F(Pools, NetworkMatchesAPointToPointAddressOnItsPeer) {
     interface *ifp = if_get_by_name("vlanif30");
     prefix local{}, peer{};
-    str2prefix("10.9.9.1/32", &local);
-    str2prefix("172.16.5.0/24", &peer);
+    str2prefix("10.9.9.1/24", &local);
+    str2prefix("172.16.5.2/24", &peer);
     connected_add(ifp, ZEBRA_IFA_PEER, &local, &peer);
+    dhcps_pool *own = make("own", "10.9.9.1", "10.9.9.0/24");
     dhcps_pool *p = make("p", "172.16.5.1", "172.16.5.0/24");
+    EXPECT_EQ(own->interface, nullptr);  // the local address's network is not matched
     EXPECT_EQ(p->interface, ifp);
-    EXPECT_EQ(p->server_ip, nip("10.9.9.1"));
+    // The peer's address is the prefix the entry stands for, as on an
+    // address event (interface tracking's tests pin that side).
+    EXPECT_EQ(p->server_ip, nip("172.16.5.2"));
+    EXPECT_EQ(p->next_server, nip("172.16.5.2"));
+    EXPECT_EQ(dhcps_attach_prefix(ifp->connected[0].get()), ifp->connected[0]->destination.get());
+    EXPECT_EQ(dhcps_attach_prefix(nullptr), nullptr);
+}
+
+// Range defaults, mask and broadcast option per prefix length: /1 to /30 as
+// always (typed address up to the broadcast address), /31 both addresses of
+// the link, /32 the one address; neither has a broadcast address of its own.
+struct NetCase {
+    const char *network;
+    const char *router;
+    const char *begin;
+    const char *end;
+    const char *mask;
+    const char *broadcast;
+};
+
+void PrintTo(const NetCase &c, std::ostream *os) {
+    *os << c.network;
+}
+
+class NetworkRanges : public Pools, public ::testing::WithParamInterface<NetCase> {};
+
+TEST_P(NetworkRanges, DefaultsStayInsideTheNetwork) {
+    const NetCase &c = GetParam();
+    dhcps_pool *p = make("p", c.router, c.network);
+    EXPECT_EQ(p->begin_ip, hip(c.begin));
+    EXPECT_EQ(p->end_ip, hip(c.end));
+    EXPECT_EQ(option_value(p, DHCP_SUBNET_MASK), nip(c.mask));
+    EXPECT_EQ(option_value(p, DHCP_BROADCAST), nip(c.broadcast));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, NetworkRanges,
+    ::testing::Values(
+        NetCase{"192.168.1.1/24", "192.168.1.254", "192.168.1.1", "192.168.1.255", "255.255.255.0",
+                "192.168.1.255"},
+        NetCase{"10.0.0.0/30", "10.0.0.1", "10.0.0.0", "10.0.0.3", "255.255.255.252", "10.0.0.3"},
+        NetCase{"10.0.0.6/30", "10.0.0.5", "10.0.0.6", "10.0.0.7", "255.255.255.252", "10.0.0.7"},
+        // A wide network may end at 255.255.255.255: that is its broadcast address.
+        NetCase{"192.0.0.1/2", "192.0.0.1", "192.0.0.1", "255.255.255.255", "192.0.0.0",
+                "255.255.255.255"},
+        NetCase{"10.0.0.1/31", "10.0.0.0", "10.0.0.0", "10.0.0.1", "255.255.255.254",
+                "255.255.255.255"},
+        NetCase{"10.0.0.2/31", "10.0.0.3", "10.0.0.2", "10.0.0.3", "255.255.255.254",
+                "255.255.255.255"},
+        NetCase{"10.0.0.5/32", "10.0.0.5", "10.0.0.5", "10.0.0.5", "255.255.255.255",
+                "255.255.255.255"}));
+
+TEST_F(Pools, A31PoolOffersTheOtherAddressOfTheLink) {
+    dhcps_pool *p = make("p", "10.0.0.2", "10.0.0.2/31");
+    EXPECT_EQ(dhcps_free_ip(nullptr, p, nullptr), nip("10.0.0.3"));
+    // /32: the only address is the router's, so nothing is offered.
+    dhcps_pool *one = make("one", "10.0.0.9", "10.0.0.9/32");
+    EXPECT_EQ(dhcps_free_ip(nullptr, one, nullptr), 0u);
 }
 
 TEST_F(Pools, SetAndClearInterfaceRefuseMissingArguments) {
@@ -283,6 +344,87 @@ TEST_F(Pools, DeletingAPoolFreesTheLeasesOfItsRange) {
     dhcps_delete_a_pool(p);
     EXPECT_EQ(dhcps_find_lease_by_nip(nip("192.168.1.15")), nullptr);
     EXPECT_NE(dhcps_find_lease_by_nip(nip("192.168.1.30")), nullptr);
+}
+
+// Leases at `addresses`, one client each.
+void add_leases(std::initializer_list<const char *> addresses) {
+    std::uint8_t mac[6] = {2, 0, 0, 0, 0, 0};
+    for (const char *a : addresses) {
+        ++mac[5];
+        ASSERT_NE(dhcps_add_lease(mac, nip(a), 60, 100, nullptr, 0, 1, 0), nullptr) << a;
+    }
+}
+
+struct DeleteCase {
+    const char *network;
+    const char *router;
+    std::uint64_t steps;  // addresses or lease records looked at
+    std::vector<const char *> freed;
+    std::vector<const char *> kept;
+};
+
+void PrintTo(const DeleteCase &c, std::ostream *os) {
+    *os << c.network;
+}
+
+class PoolDeletion : public Pools, public ::testing::WithParamInterface<DeleteCase> {};
+
+// Five leases in the table: a range of at most five addresses is walked,
+// a wider one through the table's five records, never address by address.
+TEST_P(PoolDeletion, WalksTheRangeOrTheTableWhicheverIsSmaller) {
+    const DeleteCase &c = GetParam();
+    dhcps_pool *p = make("p", c.router, c.network);
+    add_leases({"10.0.0.0", "10.0.0.1", "10.0.0.5", "10.200.0.9", "192.168.1.7"});
+    ASSERT_EQ(dhcps_get_leases_num(), 5);
+    const std::uint64_t before = dhcps_range_walk_steps();
+    dhcps_delete_a_pool(p);
+    EXPECT_EQ(dhcps_range_walk_steps() - before, c.steps);
+    EXPECT_EQ(dhcps_lookup_by_name("p"), nullptr);
+    for (const char *a : c.freed) {
+        EXPECT_EQ(dhcps_find_lease_by_nip(nip(a)), nullptr) << a;
+    }
+    for (const char *a : c.kept) {
+        EXPECT_NE(dhcps_find_lease_by_nip(nip(a)), nullptr) << a;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Table, PoolDeletion,
+    ::testing::Values(DeleteCase{"10.0.0.1/31",
+                                 "10.0.0.1",
+                                 2,
+                                 {"10.0.0.0", "10.0.0.1"},
+                                 {"10.0.0.5", "10.200.0.9", "192.168.1.7"}},
+                      DeleteCase{"10.0.0.5/32",
+                                 "10.0.0.5",
+                                 1,
+                                 {"10.0.0.5"},
+                                 {"10.0.0.0", "10.0.0.1", "10.200.0.9", "192.168.1.7"}},
+                      DeleteCase{"10.0.0.4/30",
+                                 "10.0.0.5",
+                                 4,
+                                 {"10.0.0.5"},
+                                 {"10.0.0.0", "10.0.0.1", "10.200.0.9", "192.168.1.7"}},
+                      DeleteCase{"10.0.0.0/8",
+                                 "10.0.0.1",
+                                 5,
+                                 {"10.0.0.0", "10.0.0.1", "10.0.0.5", "10.200.0.9"},
+                                 {"192.168.1.7"}},
+                      DeleteCase{"128.0.0.1/1",
+                                 "128.0.0.1",
+                                 5,
+                                 {"192.168.1.7"},
+                                 {"10.0.0.0", "10.0.0.1", "10.0.0.5", "10.200.0.9"}}));
+
+TEST_F(Pools, DeletingAPoolWithAnEmptyRangeWalksNothing) {
+    dhcps_pool *p = make("p", "10.0.0.1", "10.0.0.0/24");
+    p->begin_ip = hip("10.0.0.9");
+    p->end_ip = hip("10.0.0.8");
+    add_leases({"10.0.0.8", "10.0.0.9"});
+    const std::uint64_t before = dhcps_range_walk_steps();
+    dhcps_delete_a_pool(p);
+    EXPECT_EQ(dhcps_range_walk_steps(), before);
+    EXPECT_EQ(dhcps_get_leases_num(), 2);
 }
 
 struct O82 {
