@@ -48,6 +48,12 @@ constexpr std::uint16_t ETH_P_8021Q_NUM = 0x8100;
 constexpr std::uint32_t PORT_MASK = 0xff;  // ids and MACs take the port modulo 256
 constexpr std::size_t TRAP_HDR_LEN = sizeof(hal_trap_hdr);
 
+// The uif index of a switch port number; 0 (no port) for port 0 and for
+// numbers that do not fit an index, so that no lookup is made for them.
+std::uint32_t port_index(std::uint32_t number) {
+    return (number == 0 || number >= UIF_INDEX_BASE) ? 0 : (UIF_INDEX_BASE | number);
+}
+
 thread_master *relay_master = nullptr;
 
 // ---- seams ----
@@ -342,7 +348,9 @@ std::vector<std::uint8_t> build_option82(const dhcpr_if &r, std::uint16_t vlan,
     std::size_t lr = 0;
     if (r.remote_id_mode == DHCPR_SUBMODE_NORMAL) {
         std::uint8_t mac[6] = {};
-        (void)uif_get_portmac(UIF_INDEX_BASE | (port & PORT_MASK), mac);
+        if (const std::uint32_t index = port_index(port & PORT_MASK); index != 0) {
+            (void)uif_get_portmac(index, mac);
+        }
         const int n = std::snprintf(remote, sizeof remote, "%02x-%02x-%02x-%02x-%02x-%02x", mac[0],
                                     mac[1], mac[2], mac[3], mac[4], mac[5]);
         lr = static_cast<std::size_t>(std::clamp(n, 0, static_cast<int>(sizeof remote) - 1));
@@ -841,7 +849,8 @@ int dhcpr_pass_to_server(dhcp_packet &packet, int len, std::uint32_t gateway_nip
 
 int dhcpr_relay_reply(dhcp_packet &packet, int len, std::uint32_t port) {
     if (dhcpsnoop_enable_get() != 0) {
-        const uif *ingress = uif_lookup_by_index(UIF_INDEX_BASE | port);
+        const std::uint32_t index = port_index(port);
+        const uif *ingress = index != 0 ? uif_lookup_by_index(index) : nullptr;
         if (dhcpsnoop_if_untrust_get(ingress) == 1) {
             return 0;
         }
