@@ -221,6 +221,13 @@ item_table &items() {
     return t;
 }
 
+// The relay owns its bindings; an interface's slot only points at one. So
+// they go with the process, whatever happens to the interface table.
+std::vector<std::unique_ptr<dhcpr_if_info>> &bindings() {
+    static std::vector<std::unique_ptr<dhcpr_if_info>> all;
+    return all;
+}
+
 // ---- small helpers ----
 
 struct ip_text {
@@ -591,7 +598,8 @@ int dhcpr_if_relay_set(interface *ifp, const sockunion *server) {
         auto fresh = std::make_unique<dhcpr_if_info>();
         fresh->kind = DHCPR_IF_KIND_RELAY;
         fresh->relay = std::make_unique<dhcpr_if>();
-        info = fresh.release();
+        info = fresh.get();
+        bindings().push_back(std::move(fresh));
         ifp->info = info;
     } else if (info->relay == nullptr) {
         info->relay = std::make_unique<dhcpr_if>();
@@ -607,11 +615,11 @@ int dhcpr_if_relay_delete(interface *ifp, dhcpr_if_info *info) {
         zlog_err("The input pointer is NULL!");
         return -1;
     }
-    // The slot owned the binding; take it back and free it with its record.
-    std::unique_ptr<dhcpr_if_info> owned(info);
     if (ifp->info == info) {
         ifp->info = nullptr;
     }
+    auto &all = bindings();
+    std::erase_if(all, [info](const auto &b) { return b.get() == info; });
     return 0;
 }
 
@@ -983,4 +991,5 @@ void dhcpr_reset() {
     for (interface *ifp : vrf_iflist(VRF_DEFAULT)) {
         dhcpr_if_teardown(ifp);
     }
+    bindings().clear();
 }

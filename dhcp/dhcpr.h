@@ -8,10 +8,11 @@
 //   Its two UDP sockets (ports 67 and 68) exist while it is on only to hold
 //   the ports and keep the kernel's queues drained; requests are sent to the
 //   remote servers from the port-68 socket.
-// - An interface's `info` slot holds the relay's binding (dhcpr_if_info,
-//   kind 1) while a remote server is configured on it; the binding owns the
-//   relay record. Bindings leave with "no dhcp-relay remote-server" or when
-//   the interface is deleted (dhcp_zebra_relay_teardown, set by dhcpr_init).
+// - An interface's `info` slot points at the relay's binding (dhcpr_if_info,
+//   kind 1) while a remote server is configured on it. The relay owns its
+//   bindings (so they never outlive it) and each binding owns its record.
+//   Bindings leave with "no dhcp-relay remote-server" or when the interface
+//   is deleted (dhcp_zebra_relay_teardown, set by dhcpr_init).
 // - Results: 0 success, -1 general failure, -3 dropped by the option-82
 //   strategy, -4 bad argument or wrong message type, -7 address not found.
 // - Every length handed in from the wire is bounded here: payloads outside
