@@ -488,9 +488,11 @@ void deliver_reply(dhcp_packet &packet, int len, const dhcpr_item &item) {
 
 // ---- trapped frames ----
 
-struct frame_view {
-    std::uint8_t *eth;  // untagged frame
-    std::size_t len;    // its length
+// What a trapped frame carries for the relay.
+struct udp_view {
+    const std::uint8_t *payload;  // the DHCP payload
+    long len;                     // its length (checked by the caller)
+    std::uint16_t dport;          // 67 or 68
 };
 
 std::uint16_t load_be16(const std::uint8_t *p) {
@@ -506,6 +508,49 @@ long payload_length(std::size_t frame_len, std::size_t ip_hlen) {
 int bad_payload(long len) {
     zlog_err("%s: invalid payload length %ld", "dhcpr_netlink_msg", len);
     return -1;
+}
+
+// The untagged frame and its length: a tag counts 4 bytes off the length
+// and is taken out of the frame. nullptr when the frame is too short.
+std::uint8_t *untagged_frame(std::uint8_t *frame, std::size_t &len) {
+    if (len < ETH_HLEN_UNTAGGED) {
+        return nullptr;
+    }
+    if (load_be16(frame + 12) == ETH_P_8021Q_NUM) {
+        if (len < ETH_HLEN_UNTAGGED + VLAN_TAG_LEN) {
+            return nullptr;
+        }
+        len -= VLAN_TAG_LEN;
+    }
+    return vemix_remove_tag(frame);
+}
+
+// Finds the UDP payload of a frame for port 67 or 68. The IP version,
+// checksums, UDP length and source port are not looked at. 0, or -1 after
+// logging why the frame is not one for the relay.
+int decode_frame(std::uint8_t *frame, std::size_t frame_len, udp_view &out) {
+    std::size_t len = frame_len;
+    const std::uint8_t *eth = untagged_frame(frame, len);
+    if (eth == nullptr || len < ETH_HLEN_UNTAGGED + IPV4_MIN_HLEN) {
+        return bad_payload(payload_length(len, IPV4_MIN_HLEN));
+    }
+    const std::uint8_t *ip = eth + ETH_HLEN_UNTAGGED;
+    if (ip[9] != IPPROTO_UDP_NUM) {
+        zlog_err("%s: invalid protocol %d", "dhcpr_netlink_msg", ip[9]);
+        return -1;
+    }
+    const std::size_t ip_hlen = static_cast<std::size_t>(ip[0] & 0x0f) * 4;
+    out.len = payload_length(len, ip_hlen);
+    if (out.len < 0) {
+        return bad_payload(out.len);
+    }
+    out.dport = load_be16(ip + ip_hlen + 2);
+    if (out.dport != DHCP_CLIENT_PORT && out.dport != DHCP_SERVER_PORT) {
+        zlog_err("%s: invalid dport %d", "dhcpr_netlink_msg", out.dport);
+        return -1;
+    }
+    out.payload = ip + ip_hlen + UDP_HLEN;
+    return 0;
 }
 
 }  // namespace
@@ -925,44 +970,19 @@ int dhcpr_netlink_msg(std::uint32_t type, std::uint8_t *msg, std::uint32_t frame
     }
     hal_trap_hdr hdr;
     std::memcpy(&hdr, msg, sizeof hdr);
-    frame_view f{msg + TRAP_HDR_LEN + hdr.gap, frame_len};
-    if (f.len < ETH_HLEN_UNTAGGED) {
-        return bad_payload(payload_length(f.len, IPV4_MIN_HLEN));
-    }
-    if (load_be16(f.eth + 12) == ETH_P_8021Q_NUM) {
-        if (f.len < ETH_HLEN_UNTAGGED + VLAN_TAG_LEN) {
-            return bad_payload(payload_length(f.len, IPV4_MIN_HLEN));
-        }
-        f.len -= VLAN_TAG_LEN;
-    }
-    f.eth = vemix_remove_tag(f.eth);
-    if (f.len < ETH_HLEN_UNTAGGED + IPV4_MIN_HLEN) {
-        return bad_payload(payload_length(f.len, IPV4_MIN_HLEN));
-    }
-    const std::uint8_t *ip = f.eth + ETH_HLEN_UNTAGGED;
-    if (ip[9] != IPPROTO_UDP_NUM) {
-        zlog_err("%s: invalid protocol %d", "dhcpr_netlink_msg", ip[9]);
-        return -1;
-    }
-    const std::size_t ip_hlen = static_cast<std::size_t>(ip[0] & 0x0f) * 4;
-    const long plen = payload_length(f.len, ip_hlen);
-    if (plen < 0) {
-        return bad_payload(plen);
-    }
-    const std::uint16_t dport = load_be16(ip + ip_hlen + 2);
-    if (dport != DHCP_CLIENT_PORT && dport != DHCP_SERVER_PORT) {
-        zlog_err("%s: invalid dport %d", "dhcpr_netlink_msg", dport);
+    udp_view u{};
+    if (decode_frame(msg + TRAP_HDR_LEN + hdr.gap, frame_len, u) != 0) {
         return -1;
     }
     // Shorter than the fixed header or longer than the record: dropped.
-    if (plen < static_cast<long>(DHCP_FIXED_SIZE) ||
-        plen > static_cast<long>(sizeof(dhcp_packet))) {
-        return bad_payload(plen);
+    if (u.len < static_cast<long>(DHCP_FIXED_SIZE) ||
+        u.len > static_cast<long>(sizeof(dhcp_packet))) {
+        return bad_payload(u.len);
     }
     dhcp_packet packet{};
-    std::memcpy(&packet, ip + ip_hlen + UDP_HLEN, static_cast<std::size_t>(plen));
-    const int len = static_cast<int>(plen);
-    if (dport == DHCP_CLIENT_PORT) {
+    std::memcpy(&packet, u.payload, static_cast<std::size_t>(u.len));
+    const int len = static_cast<int>(u.len);
+    if (u.dport == DHCP_CLIENT_PORT) {
         dhcpr_relay_reply(packet, len, hdr.port);
         return 0;
     }
