@@ -42,6 +42,10 @@ ssize_t to_server(int, std::span<const std::uint8_t> d, const sockaddr_in &to) {
     std::memcpy(&p, d.data(), d.size());
     require(p.hops >= 1 && p.hops <= 9);
     require(p.gateway_nip != 0);
+    // The type read from the whole record (zeros after the datagram).
+    const int mtype = dhcpr_message_type(p);
+    require(mtype == DHCPDISCOVER || mtype == DHCPREQUEST || mtype == DHCPDECLINE ||
+            mtype == DHCPRELEASE || mtype == DHCPINFORM);
     return static_cast<ssize_t>(d.size());
 }
 
@@ -51,7 +55,8 @@ int to_client(const dhcp_packet &p, std::uint32_t, std::uint16_t sport, std::uin
     require(mac != nullptr && ifindex == relay_if->ifindex);
     require(size >= static_cast<int>(DHCP_FIXED_SIZE + 28) &&
             size <= static_cast<int>(sizeof(dhcp_packet) + 28));
-    require(p.op == BOOTREPLY);
+    const int mtype = dhcpr_message_type(p);
+    require(mtype == DHCPOFFER || mtype == DHCPACK || mtype == DHCPNAK);
     return size;
 }
 
