@@ -13,6 +13,8 @@
 
 #include "dhcp/dhcp_debug.h"
 #include "dhcp/dhcp_zebra.h"
+#include "dhcp/dhcpr.h"
+#include "dhcp/dhcpr_vty.h"
 #include "dhcp/dhcps_vty.h"
 #include "dhcp/dhcps.h"
 #include "dhcp/dhcps_leases.h"
@@ -146,8 +148,10 @@ int main(int argc, char **argv) {
     if_add_hook(IF_NEW_HOOK, dhcp_if_new_hook);
     if_add_hook(IF_DELETE_HOOK, dhcp_if_delete_hook);
     dhcps_init(master);
+    dhcpr_init(master);
     dhcp_debug_init();
     dhcps_vty_init();
+    dhcpr_vty_init();
 
     if (daemon_mode) {
         if (daemon(0, 0) < 0) {

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
-"""Writes the seed corpus of the codec fuzzers: tricky messages for
-fuzz_get_option and tricky option lists for fuzz_build_reply.
+"""Writes the seed corpus of the fuzzers: tricky messages for
+fuzz_get_option, tricky option lists for fuzz_build_reply, trapped-frame
+exchanges for fuzz_relay_frame and requests for fuzz_option82.
 
 Run from anywhere; rewrites fuzz/corpus/<target>/ beside this script."""
 import pathlib
@@ -105,9 +106,98 @@ def build_reply_cases():
     }
 
 
+def dhcp_payload(op, mtype, xid, options=b"", hops=0, flags=0, giaddr=bytes(4), length=300):
+    fixed = (bytes([op, 1, 6, hops]) + xid.to_bytes(4, "big") + bytes(2) +
+             flags.to_bytes(2, "big") + bytes(12) + giaddr + bytes.fromhex("001122334455") +
+             bytes(10))
+    msg = fixed + bytes(192) + COOKIE + bytes([53, 1, mtype]) + options + b"\xff"
+    return msg.ljust(length, b"\0")
+
+
+def udp_frame(payload, dport=67, sport=68, tag=None, ip_option_words=0, proto=17):
+    eth = b"\xff" * 6 + bytes.fromhex("001122334455")
+    if tag is not None:
+        eth += b"\x81\x00" + tag.to_bytes(2, "big")
+    eth += b"\x08\x00"
+    ihl = 5 + ip_option_words
+    udp_len = 8 + len(payload)
+    ip = (bytes([0x40 | ihl, 0]) + (ihl * 4 + udp_len).to_bytes(2, "big") + bytes(4) +
+          bytes([64, proto]) + bytes(2) + bytes(4) + b"\xff" * 4 + b"\x01" * (ip_option_words * 4))
+    udp = sport.to_bytes(2, "big") + dport.to_bytes(2, "big") + udp_len.to_bytes(2, "big") + bytes(2)
+    return eth + ip + udp + payload
+
+
+def trap(frame, port=3, vlan_sel=0, gap=2, mtype=1):
+    return bytes([mtype, port, vlan_sel, gap]) + len(frame).to_bytes(2, "big") + frame
+
+
+def relay_frame_cases():
+    # Settings byte: bit 0 option 82 on, bits 1-2 strategy, bit 3 circuit-id
+    # string, bit 4 remote-id string, bit 5 record disabled; then the two
+    # string lengths.
+    server_id = bytes([54, 4, 10, 0, 20, 2])
+    discover = dhcp_payload(1, 1, 0x1234)
+    offer = dhcp_payload(2, 2, 0x1234, server_id, giaddr=bytes([192, 168, 10, 1]))
+    reply = trap(udp_frame(offer, dport=68, sport=67), port=9, vlan_sel=1)
+    client82 = bytes([82, 4, 1, 2]) + b"xy"
+    return {
+        "discover_offer": bytes([0, 0, 0]) + trap(udp_frame(discover)) + reply,
+        "tagged_discover_offer": (bytes([1, 0, 0]) + trap(udp_frame(discover, tag=10)) +
+                                  trap(udp_frame(offer, 68, 67, tag=20), 9, 1)),
+        "broadcast_flag": (bytes([1, 0, 0]) +
+                           trap(udp_frame(dhcp_payload(1, 1, 0x1234, flags=0x8000))) + reply),
+        "ip_options": bytes([0, 0, 0]) + trap(udp_frame(discover, ip_option_words=3), gap=0),
+        "string_ids": bytes([0x19, 12, 40]) + trap(udp_frame(discover)),
+        "strategy_drop": bytes([1, 0, 0]) + trap(udp_frame(dhcp_payload(1, 1, 7, client82))),
+        "strategy_keep": bytes([3, 0, 0]) + trap(udp_frame(dhcp_payload(1, 3, 7, client82))),
+        "strategy_replace": bytes([5, 0, 0]) + trap(udp_frame(dhcp_payload(1, 1, 7, client82))),
+        "hops_8_and_9": (bytes([0, 0, 0]) + trap(udp_frame(dhcp_payload(1, 1, 1, hops=8))) +
+                         trap(udp_frame(dhcp_payload(1, 1, 2, hops=9)))),
+        "off_subnet_giaddr": (bytes([0, 0, 0]) +
+                              trap(udp_frame(dhcp_payload(1, 1, 5, hops=1,
+                                                          giaddr=bytes([172, 16, 5, 1])))) +
+                              trap(udp_frame(dhcp_payload(2, 2, 5, server_id,
+                                                          giaddr=bytes([172, 16, 5, 1])),
+                                             68, 67), 9, 1)),
+        "release_reply": (bytes([0, 0, 0]) + trap(udp_frame(discover)) +
+                          trap(udp_frame(dhcp_payload(2, 7, 0x1234, server_id), 68, 67), 9, 1)),
+        "tcp_and_546": (bytes([0, 0, 0]) + trap(udp_frame(discover, proto=6)) +
+                        trap(udp_frame(discover, dport=546))),
+        "short_and_long": (bytes([0, 0, 0]) + trap(udp_frame(discover[:239])) +
+                           trap(udp_frame(discover.ljust(629, b"\0")))),
+        "unknown_vlan_and_type": (bytes([0, 0, 0]) + trap(udp_frame(discover), vlan_sel=2) +
+                                  trap(udp_frame(discover), vlan_sel=3) +
+                                  trap(udp_frame(discover), mtype=0xff)),
+        "disabled_record": bytes([0x20, 0, 0]) + trap(udp_frame(discover)),
+    }
+
+
+def option82_cases():
+    # Settings (bit 0 circuit-id string, bit 1 remote-id string), VLAN, port,
+    # string lengths, payload length, then the message.
+    def case(msg, length, bits=0, vlan=10, port=3, lc=0, lr=0):
+        return bytes([bits]) + vlan.to_bytes(2, "big") + bytes([port, lc, lr]) + \
+            (length - 240).to_bytes(2, "big") + msg
+    discover = dhcp_payload(1, 1, 0x1234)
+    return {
+        "discover_300": case(discover, 300),
+        "discover_tight": case(discover, 253 + 29),
+        "discover_no_room": case(discover, 253),
+        "string_ids_long": case(discover, 400, bits=3, lc=40, lr=31),
+        "client_82": case(dhcp_payload(1, 1, 1, bytes([82, 3, 1, 1, 0x7a])), 300),
+        "near_building_end": case(dhcp_payload(1, 1, 1, bytes([12, 255]) + b"h" * 255 +
+                                               bytes([60, 20]) + b"v" * 20, length=628), 628),
+        "no_end_marker": case(dhcp_payload(1, 1, 1)[:243] + b"\x3c\x02ab" * 90, 600),
+        "overload_file": case(bytes([1, 1, 6, 0]) + bytes(104) + b"\x52\x01\x00\xff" +
+                              bytes(124) + COOKIE + b"\x34\x01\x01\xff", 300),
+    }
+
+
 def main():
     for target, cases in (("get_option", get_option_cases()),
-                          ("build_reply", build_reply_cases())):
+                          ("build_reply", build_reply_cases()),
+                          ("relay_frame", relay_frame_cases()),
+                          ("option82", option82_cases())):
         d = HERE / "corpus" / target
         shutil.rmtree(d, ignore_errors=True)
         d.mkdir(parents=True)

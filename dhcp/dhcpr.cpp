@@ -1,0 +1,1015 @@
+// The DHCP relay: state, records, transactions, forwarding and the
+// trapped-frame channel.
+#include "dhcp/dhcpr.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <deque>
+#include <unordered_map>
+#include <vector>
+
+#include "dhcp/dhcp_options.h"
+#include "dhcp/dhcp_packet.h"
+#include "dhcp/dhcp_socket.h"
+#include "dhcp/dhcp_zebra.h"
+#include "lib/if.h"
+#include "lib/log.h"
+#include "lib/prefix.h"
+#include "lib/thread.h"
+#include "platform/dhcpsnoop.h"
+#include "platform/hal.h"
+#include "platform/trap.h"
+#include "platform/uif.h"
+#include "platform/util.h"
+#include "platform/vemix.h"
+
+dhcpr_global_state dhcpr_state;
+
+namespace {
+
+#define NODE_DATA_TEXT "(node)->data != ((void *)0)"
+#define ADDRNODE_DATA_TEXT "(addrnode)->data != ((void *)0)"
+// A list entry without its record is a fault of ours: stop, naming the walk.
+#define DHCPR_ASSERT_DATA(cond, text) \
+    ((cond) ? (void)0 : _zlog_assert_failed(text, __FILE__, __LINE__, __func__))
+
+constexpr std::size_t ETH_HLEN_UNTAGGED = 14;
+constexpr std::size_t VLAN_TAG_LEN = 4;
+constexpr std::size_t IPV4_MIN_HLEN = 20;
+constexpr std::size_t UDP_HLEN = 8;
+constexpr std::uint8_t IPPROTO_UDP_NUM = 17;
+constexpr std::uint16_t ETH_P_8021Q_NUM = 0x8100;
+constexpr std::uint32_t PORT_MASK = 0xff;  // ids and MACs take the port modulo 256
+constexpr std::size_t TRAP_HDR_LEN = sizeof(hal_trap_hdr);
+
+// The uif index of a switch port number; 0 (no port) for port 0 and for
+// numbers that do not fit an index, so that no lookup is made for them.
+std::uint32_t port_index(std::uint32_t number) {
+    return (number == 0 || number >= UIF_INDEX_BASE) ? 0 : (UIF_INDEX_BASE | number);
+}
+
+thread_master *relay_master = nullptr;
+
+// ---- seams ----
+
+ssize_t send_udp(int sock, std::span<const std::uint8_t> datagram, const sockaddr_in &to) {
+    return ::sendto(sock, datagram.data(), datagram.size(), 0,
+                    reinterpret_cast<const sockaddr *>(&to), sizeof to);
+}
+
+// The message layer's raw sender puts the message on the wire up to its end
+// marker; the datagram size is the same for every message built that way.
+int send_raw(const dhcp_packet &packet, std::uint32_t src_ip, std::uint16_t src_port,
+             std::uint32_t dst_ip, std::uint16_t dst_port, const std::uint8_t *dst_mac, int ifindex,
+             int) {
+    return dhcp_send_raw_packet(packet, src_ip, src_port, dst_ip, dst_port, dst_mac, ifindex);
+}
+
+std::uint32_t monotonic_sec() {
+    return static_cast<std::uint32_t>(monotonic_ms() / 1000);
+}
+
+dhcpr_server_send_fn server_sender = send_udp;
+dhcpr_client_send_fn client_sender = send_raw;
+std::uint32_t (*relay_clock)() = monotonic_sec;
+
+// ---- the transaction table ----
+
+// Items live in slots of a deque (their addresses stay put) linked into one
+// newest-first list and, per xid, into a newest-first chain whose head an
+// index finds. Two departures from the plain list, both to keep the daemon
+// bounded under floods of unanswered requests: at most DHCPR_ITEM_MAX items
+// are kept (at the cap the oldest is dropped, with one log line per
+// episode), and a lookup by xid does not walk the list. The answers are
+// the list's: the newest item with the xid first.
+class item_table {
+  public:
+    static constexpr std::uint32_t NIL = 0xffffffffu;
+
+    dhcpr_item *add(const dhcpr_item &fields) {
+        if (count_ >= DHCPR_ITEM_MAX) {
+            evict_oldest();
+        }
+        const std::uint32_t s = take_slot();
+        dhcpr_item &it = slots_[s];
+        it = fields;
+        it.prev = NIL;
+        it.next = head_;
+        it.prev_same = NIL;
+        it.next_same = NIL;
+        if (head_ != NIL) {
+            slots_[head_].prev = s;
+        } else {
+            tail_ = s;
+        }
+        head_ = s;
+        auto [pos, fresh] = newest_.try_emplace(it.xid, s);
+        if (!fresh) {
+            it.next_same = pos->second;
+            slots_[pos->second].prev_same = s;
+            pos->second = s;
+        }
+        ++count_;
+        return &it;
+    }
+
+    dhcpr_item *find(std::uint32_t xid) {
+        auto pos = newest_.find(xid);
+        return pos == newest_.end() ? nullptr : &slots_[pos->second];
+    }
+
+    void erase_xid(std::uint32_t xid) {
+        auto pos = newest_.find(xid);
+        if (pos == newest_.end()) {
+            return;
+        }
+        std::uint32_t s = pos->second;
+        while (s != NIL) {
+            const std::uint32_t older = slots_[s].next_same;
+            unlink(s);
+            s = older;
+        }
+    }
+
+    template <class Pred>
+    void erase_if(Pred pred) {
+        for (std::uint32_t s = head_; s != NIL;) {
+            const std::uint32_t next = slots_[s].next;
+            if (pred(slots_[s])) {
+                unlink(s);
+            }
+            s = next;
+        }
+    }
+
+    dhcpr_item *first() { return head_ == NIL ? nullptr : &slots_[head_]; }
+    dhcpr_item *next(const dhcpr_item *it) {
+        return (it == nullptr || it->next == NIL) ? nullptr : &slots_[it->next];
+    }
+    std::size_t size() const { return count_; }
+
+    void clear() {
+        std::deque<dhcpr_item>().swap(slots_);
+        std::vector<std::uint32_t>().swap(free_);
+        std::unordered_map<std::uint32_t, std::uint32_t>().swap(newest_);
+        head_ = tail_ = NIL;
+        count_ = 0;
+        full_logged_ = false;
+    }
+
+  private:
+    std::uint32_t take_slot() {
+        if (!free_.empty()) {
+            const std::uint32_t s = free_.back();
+            free_.pop_back();
+            return s;
+        }
+        slots_.emplace_back();
+        return static_cast<std::uint32_t>(slots_.size() - 1);
+    }
+
+    void evict_oldest() {
+        if (!full_logged_) {
+            zlog_warn("dhcp-relay transaction list full (%zu items), dropping the oldest",
+                      DHCPR_ITEM_MAX);
+            full_logged_ = true;
+        }
+        unlink(tail_);
+    }
+
+    void unlink(std::uint32_t s) {
+        dhcpr_item &it = slots_[s];
+        (it.prev != NIL ? slots_[it.prev].next : head_) = it.next;
+        (it.next != NIL ? slots_[it.next].prev : tail_) = it.prev;
+        if (it.next_same != NIL) {
+            slots_[it.next_same].prev_same = it.prev_same;
+        }
+        if (it.prev_same != NIL) {
+            slots_[it.prev_same].next_same = it.next_same;
+        } else if (it.next_same != NIL) {
+            newest_[it.xid] = it.next_same;
+        } else {
+            newest_.erase(it.xid);
+        }
+        it = dhcpr_item{};
+        free_.push_back(s);
+        --count_;
+        // A new episode of saturation is logged again once the list has
+        // drained to half.
+        if (count_ < DHCPR_ITEM_MAX / 2) {
+            full_logged_ = false;
+        }
+    }
+
+    std::deque<dhcpr_item> slots_;
+    std::vector<std::uint32_t> free_;
+    std::unordered_map<std::uint32_t, std::uint32_t> newest_;
+    std::uint32_t head_ = NIL;
+    std::uint32_t tail_ = NIL;
+    std::size_t count_ = 0;
+    bool full_logged_ = false;
+};
+
+item_table &items() {
+    static item_table t;
+    return t;
+}
+
+// The relay owns its bindings; an interface's slot only points at one. So
+// they go with the process, whatever happens to the interface table.
+std::vector<std::unique_ptr<dhcpr_if_info>> &bindings() {
+    static std::vector<std::unique_ptr<dhcpr_if_info>> all;
+    return all;
+}
+
+// ---- small helpers ----
+
+struct ip_text {
+    char buf[INET_ADDRSTRLEN] = {};
+};
+
+ip_text ntoa(std::uint32_t nip) {
+    ip_text t;
+    in_addr a{};
+    a.s_addr = nip;
+    inet_ntop(AF_INET, &a, t.buf, sizeof t.buf);
+    return t;
+}
+
+// Whether `ifp` is still in the interface table. Compares handles only, so
+// it is safe for an interface that was deleted since it was remembered.
+bool interface_alive(const interface *ifp) {
+    const auto list = vrf_iflist(VRF_DEFAULT);
+    return std::find(list.begin(), list.end(), ifp) != list.end();
+}
+
+std::uint32_t clip_id_len(std::uint32_t len) {
+    return std::min<std::uint32_t>(len, DHCPR_ID_SIZE - 1);
+}
+
+void record_defaults(dhcpr_if &r, interface *ifp, const sockunion &server) {
+    r = dhcpr_if{};
+    r.enable = 1;
+    r.ifp = ifp;
+    r.server.sin.sin_family = AF_INET;
+    r.server.sin.sin_port = htons(DHCP_SERVER_PORT);
+    r.server.sin.sin_addr = server.sin.sin_addr;
+    r.opt82_enable = 0;
+    r.opt82_strategy = DHCPR_OPT82_REPLACE;
+    r.circuit_id_mode = DHCPR_SUBMODE_NORMAL;
+    r.remote_id_mode = DHCPR_SUBMODE_NORMAL;
+}
+
+// Stores an id: normal mode clears it; string mode keeps at most 31
+// characters and records the length of the whole text.
+void set_id(std::uint32_t mode, const char *text, std::uint32_t &rec_mode,
+            char (&field)[DHCPR_ID_SIZE], std::uint32_t &len) {
+    rec_mode = mode;
+    if (mode == DHCPR_SUBMODE_NORMAL || text == nullptr) {
+        std::memset(field, 0, sizeof field);
+        len = 0;
+        return;
+    }
+    std::snprintf(field, sizeof field, "%s", text);
+    len = static_cast<std::uint32_t>(std::strlen(text));
+}
+
+// ---- read tasks ----
+
+void drain(int fd) {
+    dhcp_packet packet{};
+    int len = 0;
+    std::uint32_t local = 0;
+    if (dhcp_recvmsg(fd, &packet, &len, &local) != 0) {
+        zlog_warn("dhcp_recvmsg fail!");
+    }
+}
+
+void close_client_socket() {
+    if (dhcpr_state.client_sock) {
+        thread_cancel(dhcpr_state.client_read);
+        dhcpr_state.client_read = nullptr;
+        dhcpr_state.client_sock.reset();
+    }
+}
+
+// The netlink task is stopped inside the server socket's branch: when that
+// socket never opened, the task stays. Kept so.
+void close_server_socket() {
+    if (dhcpr_state.server_sock) {
+        thread_cancel(dhcpr_state.server_read);
+        dhcpr_state.server_read = nullptr;
+        dhcpr_state.server_sock.reset();
+        thread_cancel(dhcpr_state.netlink_read);
+        dhcpr_state.netlink_read = nullptr;
+        dhcpr_state.netlink_fd = 0;
+    }
+}
+
+int relay_on() {
+    const int client = dhcp_listen_socket(INADDR_ANY, DHCP_SERVER_PORT, nullptr);
+    if (client < 0) {
+        zlog_err("dhcp-relay failed to init RecvClient socket");
+        return -1;
+    }
+    dhcpr_state.client_sock.reset(client);
+    dhcpr_state.client_read = thread_add_read(relay_master, dhcpr_recv_client, nullptr, client);
+    const int server = dhcp_listen_socket(INADDR_ANY, DHCP_CLIENT_PORT, nullptr);
+    if (server < 0) {
+        zlog_err("dhcp-relay failed to init RecvServer socket");
+        return -1;
+    }
+    dhcpr_state.server_sock.reset(server);
+    dhcpr_state.server_read = thread_add_read(relay_master, dhcpr_recv_server, nullptr, server);
+    dhcpr_state.netlink_fd = hal_netlink_async;
+    // A channel the platform could not open gives no task (the scheduler
+    // refuses a negative descriptor).
+    dhcpr_state.netlink_read =
+        thread_add_read(relay_master, dhcpr_recv_netlink, nullptr, dhcpr_state.netlink_fd);
+    return server;
+}
+
+// ---- option 82 ----
+
+// The bytes of option 82 as the record says: code, total length, then the
+// circuit-id and remote-id sub-options that are not empty.
+std::vector<std::uint8_t> build_option82(const dhcpr_if &r, std::uint16_t vlan,
+                                         std::uint32_t port) {
+    char circuit[DHCPR_ID_SIZE] = {};
+    std::size_t lc = 0;
+    if (r.circuit_id_mode == DHCPR_SUBMODE_NORMAL) {
+        const int n = std::snprintf(circuit, sizeof circuit, "%04d%02d", static_cast<int>(vlan),
+                                    static_cast<int>(port & PORT_MASK));
+        lc = static_cast<std::size_t>(std::clamp(n, 0, static_cast<int>(sizeof circuit) - 1));
+    } else {
+        std::memcpy(circuit, r.circuit_id, sizeof circuit);
+        lc = clip_id_len(r.circuit_id_len);
+    }
+    char remote[DHCPR_ID_SIZE] = {};
+    std::size_t lr = 0;
+    if (r.remote_id_mode == DHCPR_SUBMODE_NORMAL) {
+        std::uint8_t mac[6] = {};
+        if (const std::uint32_t index = port_index(port & PORT_MASK); index != 0) {
+            (void)uif_get_portmac(index, mac);
+        }
+        const int n = std::snprintf(remote, sizeof remote, "%02x-%02x-%02x-%02x-%02x-%02x", mac[0],
+                                    mac[1], mac[2], mac[3], mac[4], mac[5]);
+        lr = static_cast<std::size_t>(std::clamp(n, 0, static_cast<int>(sizeof remote) - 1));
+    } else {
+        std::memcpy(remote, r.remote_id, sizeof remote);
+        lr = clip_id_len(r.remote_id_len);
+    }
+    const std::size_t total = (lc != 0 ? lc + 2 : 0) + (lr != 0 ? lr + 2 : 0);
+    std::vector<std::uint8_t> opt{DHCP_RELAY_AGENT_INFO, static_cast<std::uint8_t>(total)};
+    if (lc != 0) {
+        opt.push_back(1);
+        opt.push_back(static_cast<std::uint8_t>(lc));
+        opt.insert(opt.end(), circuit, circuit + lc);
+    }
+    if (lr != 0) {
+        opt.push_back(2);
+        opt.push_back(static_cast<std::uint8_t>(lr));
+        opt.insert(opt.end(), remote, remote + lr);
+    }
+    return opt;
+}
+
+// Step 5 of the request path. 0 to go on, -3 to drop.
+int apply_option82(dhcp_packet &packet, int len, const dhcpr_if &r, std::uint16_t vlan,
+                   std::uint32_t port) {
+    if (dhcpr_if_opt82_enable_get(r.ifp) == 0) {
+        return 0;
+    }
+    if (dhcp_get_option(&packet, DHCP_RELAY_AGENT_INFO) == nullptr) {
+        dhcpr_option82_add(&packet, r.ifp, vlan, port);
+        return 0;
+    }
+    switch (dhcpr_if_opt82_strategy_get(r.ifp)) {
+        case DHCPR_OPT82_DROP:
+            return -3;
+        case DHCPR_OPT82_REPLACE:
+            dhcpr_option82_remove(&packet, len);
+            dhcpr_option82_add(&packet, r.ifp, vlan, port);
+            return 0;
+        default:
+            return 0;
+    }
+}
+
+// ---- reply path helpers ----
+
+bool is_relayed_to_server(int type) {
+    return type == DHCPDISCOVER || type == DHCPREQUEST || type == DHCPDECLINE ||
+           type == DHCPRELEASE || type == DHCPINFORM;
+}
+
+bool is_delivered_to_client(int type) {
+    return type == DHCPOFFER || type == DHCPACK || type == DHCPNAK;
+}
+
+// The mask of the client interface's address that equals `gateway_nip`;
+// every entry is looked at and the last match wins. 0 without a match.
+std::uint32_t gateway_mask(const interface *ifp, std::uint32_t gateway_nip) {
+    std::uint32_t mask = 0;
+    for (const auto &c : ifp->connected) {
+        if (c == nullptr) {
+            _zlog_assert_failed(ADDRNODE_DATA_TEXT, __FILE__, __LINE__, "dhcpr_pass_to_client");
+        }
+        const prefix *p = CONNECTED_PREFIX(c.get());
+        if (p == nullptr || p->family == AF_INET6) {
+            continue;
+        }
+        if (p->u.prefix4.s_addr == gateway_nip) {
+            in_addr m{};
+            masklen2ip(p->prefixlen, &m);
+            mask = m.s_addr;
+        }
+    }
+    return mask;
+}
+
+// The server identifier of a reply: 0 when the reply has none. An option
+// shorter than four bytes gives the bytes it has.
+bool server_identifier(dhcp_packet &packet, std::uint32_t &nip) {
+    const std::uint8_t *v = dhcp_get_option(&packet, DHCP_SERVER_ID);
+    if (v == nullptr) {
+        return false;
+    }
+    nip = 0;
+    std::memcpy(&nip, v, std::min<std::size_t>(v[-1], sizeof nip));
+    return true;
+}
+
+// Steps 3 to 9 of the reply path for the item found; the caller deletes the
+// items of the xid afterwards whatever happens here.
+void deliver_reply(dhcp_packet &packet, int len, const dhcpr_item &item) {
+    const dhcpr_if *r = dhcpr_get_if_relay(item.gateway_nip);
+    if (r == nullptr) {
+        zlog_warn("dhcpr_get_if_relay fail!");
+        return;
+    }
+    if (r->enable != 1) {
+        zlog_warn("This interface relay is not enabled!");
+        return;
+    }
+    if (!is_delivered_to_client(dhcpr_message_type(packet))) {
+        return;
+    }
+    if ((item.flags & htons(DHCP_BROADCAST_FLAG)) != 0) {
+        packet.flags = htons(DHCP_BROADCAST_FLAG);
+    }
+    std::uint32_t server_id = 0;
+    if (!server_identifier(packet, server_id)) {
+        return;
+    }
+    // An interface deleted since the request counts as none.
+    if (item.client_ifp == nullptr || !interface_alive(item.client_ifp)) {
+        zlog_warn("item->client_ifp is NULL!");
+        return;
+    }
+    const std::uint32_t mask = gateway_mask(item.client_ifp, item.gateway_nip);
+    static constexpr std::uint8_t broadcast_mac[6] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
+    std::uint32_t dst = packet.ciaddr;
+    const std::uint8_t *mac = packet.chaddr;
+    if (((item.gateway_nip ^ packet.gateway_nip) & mask) != 0) {
+        dst = packet.gateway_nip;
+        mac = broadcast_mac;
+    }
+    client_sender(packet, server_id, DHCP_SERVER_PORT, dst, DHCP_CLIENT_PORT, mac,
+                  item.client_ifp->ifindex,
+                  len + static_cast<int>(sizeof(dhcp_ip_header) + sizeof(dhcp_udp_header)));
+}
+
+// ---- trapped frames ----
+
+// What a trapped frame carries for the relay.
+struct udp_view {
+    const std::uint8_t *payload;  // the DHCP payload
+    long len;                     // its length (checked by the caller)
+    std::uint16_t dport;          // 67 or 68
+};
+
+std::uint16_t load_be16(const std::uint8_t *p) {
+    return static_cast<std::uint16_t>(p[0] << 8 | p[1]);
+}
+
+// Payload length as the channel computes it, signed so that a frame too
+// short for its headers shows as a negative length.
+long payload_length(std::size_t frame_len, std::size_t ip_hlen) {
+    return static_cast<long>(frame_len) - static_cast<long>(ETH_HLEN_UNTAGGED + ip_hlen + UDP_HLEN);
+}
+
+int bad_payload(long len) {
+    zlog_err("%s: invalid payload length %ld", "dhcpr_netlink_msg", len);
+    return -1;
+}
+
+// The untagged frame and its length: a tag counts 4 bytes off the length
+// and is taken out of the frame. nullptr when the frame is too short.
+std::uint8_t *untagged_frame(std::uint8_t *frame, std::size_t &len) {
+    if (len < ETH_HLEN_UNTAGGED) {
+        return nullptr;
+    }
+    if (load_be16(frame + 12) == ETH_P_8021Q_NUM) {
+        if (len < ETH_HLEN_UNTAGGED + VLAN_TAG_LEN) {
+            return nullptr;
+        }
+        len -= VLAN_TAG_LEN;
+    }
+    return vemix_remove_tag(frame);
+}
+
+// Finds the UDP payload of a frame for port 67 or 68. The IP version,
+// checksums, UDP length and source port are not looked at. 0, or -1 after
+// logging why the frame is not one for the relay.
+int decode_frame(std::uint8_t *frame, std::size_t frame_len, udp_view &out) {
+    std::size_t len = frame_len;
+    const std::uint8_t *eth = untagged_frame(frame, len);
+    if (eth == nullptr || len < ETH_HLEN_UNTAGGED + IPV4_MIN_HLEN) {
+        return bad_payload(payload_length(len, IPV4_MIN_HLEN));
+    }
+    const std::uint8_t *ip = eth + ETH_HLEN_UNTAGGED;
+    if (ip[9] != IPPROTO_UDP_NUM) {
+        zlog_err("%s: invalid protocol %d", "dhcpr_netlink_msg", ip[9]);
+        return -1;
+    }
+    const std::size_t ip_hlen = static_cast<std::size_t>(ip[0] & 0x0f) * 4;
+    out.len = payload_length(len, ip_hlen);
+    if (out.len < 0) {
+        return bad_payload(out.len);
+    }
+    out.dport = load_be16(ip + ip_hlen + 2);
+    if (out.dport != DHCP_CLIENT_PORT && out.dport != DHCP_SERVER_PORT) {
+        zlog_err("%s: invalid dport %d", "dhcpr_netlink_msg", out.dport);
+        return -1;
+    }
+    out.payload = ip + ip_hlen + UDP_HLEN;
+    return 0;
+}
+
+}  // namespace
+
+// ===========================================================================
+// State, sockets and read tasks.
+
+void dhcpr_init(thread_master *m) {
+    relay_master = m;
+    dhcpr_state.enable = 0;
+    dhcpr_state.client_sock.reset();
+    dhcpr_state.server_sock.reset();
+    dhcpr_state.netlink_fd = 0;
+    dhcpr_state.client_read = nullptr;
+    dhcpr_state.server_read = nullptr;
+    dhcpr_state.netlink_read = nullptr;
+    dhcp_zebra_relay_teardown = dhcpr_if_teardown;
+}
+
+// Turning on opens both sockets and arms the three read tasks; a failed open
+// leaves enable at 1 with what did open, so the next "on" is a no-op. Kept
+// so. On returns the port-68 descriptor; off returns hal_dhcp_enable's
+// result.
+int dhcpr_enable_set(std::uint32_t on) {
+    if (on == dhcpr_state.enable) {
+        return 0;
+    }
+    dhcpr_state.enable = on;
+    const int rc = hal_dhcp_enable(static_cast<int>(on));
+    if (on != 0) {
+        return relay_on();
+    }
+    close_client_socket();
+    close_server_socket();
+    return rc;
+}
+
+std::uint32_t dhcpr_enable_get() {
+    return dhcpr_state.enable;
+}
+
+int dhcpr_recv_client(thread *t) {
+    const int fd = THREAD_FD(t);
+    drain(fd);
+    dhcpr_state.client_read = thread_add_read(relay_master, dhcpr_recv_client, nullptr, fd);
+    return 0;
+}
+
+int dhcpr_recv_server(thread *t) {
+    const int fd = THREAD_FD(t);
+    drain(fd);
+    dhcpr_state.server_read = thread_add_read(relay_master, dhcpr_recv_server, nullptr, fd);
+    return 0;
+}
+
+int dhcpr_recv_netlink(thread *t) {
+    const int fd = THREAD_FD(t);
+    if (hal_recv(fd, dhcpr_netlink_msg) != 0) {
+        zlog_warn("hal_recv dhcpr_netlink_msg fail!");
+    }
+    dhcpr_state.netlink_read = thread_add_read(relay_master, dhcpr_recv_netlink, nullptr, fd);
+    return 0;
+}
+
+// ===========================================================================
+// Bindings and records.
+
+dhcpr_if_info *dhcpr_if_binding(const interface *ifp) {
+    return ifp == nullptr ? nullptr : static_cast<dhcpr_if_info *>(ifp->info);
+}
+
+dhcpr_if *dhcpr_if_record(const interface *ifp) {
+    dhcpr_if_info *info = dhcpr_if_binding(ifp);
+    return (info != nullptr && info->kind == DHCPR_IF_KIND_RELAY) ? info->relay.get() : nullptr;
+}
+
+// Changing the server resets the option-82 settings to their defaults;
+// setting the same server again changes nothing. Kept so.
+int dhcpr_if_relay_set(interface *ifp, const sockunion *server) {
+    if (ifp == nullptr || server == nullptr) {
+        zlog_err("The input pointer is NULL!");
+        return -1;
+    }
+    dhcpr_if_info *info = dhcpr_if_binding(ifp);
+    // Only an IPv4 server fits the record; another user's slot stays theirs.
+    if (server->sa.sa_family != AF_INET || (info != nullptr && info->kind != DHCPR_IF_KIND_RELAY)) {
+        return -1;
+    }
+    if (info == nullptr) {
+        auto fresh = std::make_unique<dhcpr_if_info>();
+        fresh->kind = DHCPR_IF_KIND_RELAY;
+        fresh->relay = std::make_unique<dhcpr_if>();
+        info = fresh.get();
+        bindings().push_back(std::move(fresh));
+        ifp->info = info;
+    } else if (info->relay == nullptr) {
+        info->relay = std::make_unique<dhcpr_if>();
+    } else if (info->relay->server.sin.sin_addr.s_addr == server->sin.sin_addr.s_addr) {
+        return 0;
+    }
+    record_defaults(*info->relay, ifp, *server);
+    return 0;
+}
+
+int dhcpr_if_relay_delete(interface *ifp, dhcpr_if_info *info) {
+    if (ifp == nullptr || info == nullptr) {
+        zlog_err("The input pointer is NULL!");
+        return -1;
+    }
+    if (ifp->info == info) {
+        ifp->info = nullptr;
+    }
+    auto &all = bindings();
+    std::erase_if(all, [info](const auto &b) { return b.get() == info; });
+    return 0;
+}
+
+void dhcpr_if_teardown(interface *ifp) {
+    dhcpr_if_info *info = dhcpr_if_binding(ifp);
+    if (info != nullptr && info->kind == DHCPR_IF_KIND_RELAY) {
+        dhcpr_if_relay_delete(ifp, info);
+    }
+}
+
+int dhcpr_if_opt82_enable_set(interface *ifp, std::uint32_t on) {
+    dhcpr_if_info *info = dhcpr_if_binding(ifp);
+    if (info == nullptr || info->kind != DHCPR_IF_KIND_RELAY) {
+        return -1;
+    }
+    if (info->relay != nullptr) {
+        info->relay->opt82_enable = on;
+    }
+    return 0;
+}
+
+int dhcpr_if_opt82_strategy_set(interface *ifp, std::uint32_t strategy) {
+    dhcpr_if_info *info = dhcpr_if_binding(ifp);
+    if (info == nullptr || info->kind != DHCPR_IF_KIND_RELAY) {
+        return -1;
+    }
+    if (info->relay != nullptr) {
+        info->relay->opt82_strategy = strategy;
+    }
+    return 0;
+}
+
+int dhcpr_if_circuit_id_set(interface *ifp, std::uint32_t mode, const char *text) {
+    dhcpr_if_info *info = dhcpr_if_binding(ifp);
+    if (info == nullptr || info->kind != DHCPR_IF_KIND_RELAY) {
+        return -1;
+    }
+    if (dhcpr_if *r = info->relay.get(); r != nullptr) {
+        set_id(mode, text, r->circuit_id_mode, r->circuit_id, r->circuit_id_len);
+    }
+    return 0;
+}
+
+int dhcpr_if_remote_id_set(interface *ifp, std::uint32_t mode, const char *text) {
+    dhcpr_if_info *info = dhcpr_if_binding(ifp);
+    if (info == nullptr || info->kind != DHCPR_IF_KIND_RELAY) {
+        return -1;
+    }
+    if (dhcpr_if *r = info->relay.get(); r != nullptr) {
+        set_id(mode, text, r->remote_id_mode, r->remote_id, r->remote_id_len);
+    }
+    return 0;
+}
+
+std::uint32_t dhcpr_if_opt82_enable_get(const interface *ifp) {
+    const dhcpr_if *r = dhcpr_if_record(ifp);
+    return r != nullptr ? r->opt82_enable : 0;
+}
+
+std::uint32_t dhcpr_if_opt82_strategy_get(const interface *ifp) {
+    const dhcpr_if *r = dhcpr_if_record(ifp);
+    return r != nullptr ? r->opt82_strategy : DHCPR_OPT82_KEEP;
+}
+
+// ===========================================================================
+// Lookups.
+
+int dhcp_get_l3if_address(std::uint16_t vlan, std::uint32_t *nip) {
+    if (nip == nullptr) {
+        return -4;
+    }
+    *nip = 0;
+    char name[20];
+    std::snprintf(name, sizeof name, "vlanif%d", static_cast<int>(vlan));
+    const interface *ifp = if_lookup_by_name(name);
+    if (ifp == nullptr) {
+        zlog_warn("[%s][%d]Interface %s is not found!\n", "dhcp_get_l3if_address", 456, name);
+        return -7;
+    }
+    for (const auto &c : ifp->connected) {
+        DHCPR_ASSERT_DATA(c != nullptr, ADDRNODE_DATA_TEXT);
+        if (c->address && c->address->family == AF_INET) {
+            std::memcpy(nip, &c->address->u.prefix4, sizeof *nip);
+            return 0;
+        }
+    }
+    return -7;
+}
+
+// The binding's kind is not tested here; callers test the record's enable.
+dhcpr_if *dhcpr_get_if_relay(std::uint32_t nip) {
+    in_addr addr{};
+    addr.s_addr = nip;
+    const interface *owner = if_lookup_address(addr);
+    if (owner == nullptr) {
+        zlog_warn("if_lookup_address of l3_if_addr fail!");
+        return nullptr;
+    }
+    for (interface *ifp : vrf_iflist(VRF_DEFAULT)) {
+        DHCPR_ASSERT_DATA(ifp != nullptr, NODE_DATA_TEXT);
+        const dhcpr_if_info *info = dhcpr_if_binding(ifp);
+        if (ifp == owner && info != nullptr && info->relay != nullptr) {
+            return info->relay.get();
+        }
+    }
+    return nullptr;
+}
+
+// ===========================================================================
+// Transactions.
+
+dhcpr_item *dhcpr_item_add(std::uint32_t xid, interface *client_ifp, std::uint32_t gateway_nip,
+                           std::uint16_t flags) {
+    if (client_ifp == nullptr) {
+        return nullptr;
+    }
+    dhcpr_item fields{};
+    fields.time = relay_clock();
+    fields.gateway_nip = gateway_nip;
+    fields.xid = xid;
+    fields.flags = flags;
+    fields.client_ifp = client_ifp;
+    return items().add(fields);
+}
+
+dhcpr_item *dhcpr_item_find(std::uint32_t xid) {
+    return items().find(xid);
+}
+
+void dhcpr_item_delete(std::uint32_t xid) {
+    items().erase_xid(xid);
+}
+
+void dhcpr_item_expire() {
+    const std::uint32_t now = relay_clock();
+    items().erase_if([now](const dhcpr_item &it) { return now - it.time > DHCPR_ITEM_MAX_AGE; });
+}
+
+dhcpr_item *dhcpr_item_first() {
+    return items().first();
+}
+
+dhcpr_item *dhcpr_item_next(const dhcpr_item *item) {
+    return items().next(item);
+}
+
+std::size_t dhcpr_item_count() {
+    return items().size();
+}
+
+void dhcpr_item_clear() {
+    items().clear();
+}
+
+// Nothing arms this timer: unanswered items stay until a reply with their
+// xid comes. Kept so.
+int dhcpr_timer(thread *) {
+    dhcpr_item_expire();
+    thread_add_timer(relay_master, dhcpr_timer, nullptr, DHCPR_TIMER_SECONDS);
+    return 0;
+}
+
+// ===========================================================================
+// Forwarding.
+
+int dhcpr_message_type(const dhcp_packet &packet) {
+    if (packet.op != BOOTREQUEST && packet.op != BOOTREPLY) {
+        return -1;
+    }
+    const std::uint8_t *v = dhcp_get_option(&packet, DHCP_MESSAGE_TYPE);
+    // An empty option 53 has no value to read.
+    if (v == nullptr || v[-1] == 0) {
+        return -1;
+    }
+    return v[0];
+}
+
+int dhcpr_relay_request(dhcp_packet &packet, int len, std::uint32_t port, std::uint16_t vlan) {
+    if (packet.hops > DHCPR_MAX_HOPS) {
+        zlog_err("hops is %d, more than maximum hops %d", packet.hops, DHCPR_MAX_HOPS);
+        return -1;
+    }
+    ++packet.hops;
+    std::uint32_t gateway = 0;
+    if (dhcp_get_l3if_address(vlan, &gateway) != 0) {
+        return -7;
+    }
+    if (packet.gateway_nip == 0) {
+        packet.gateway_nip = gateway;
+        zlog_info("gateway_nip change to %s\n", ntoa(gateway).buf);
+    }
+    // Chosen by the ingress VLAN's address, not by giaddr.
+    const dhcpr_if *r = dhcpr_get_if_relay(gateway);
+    if (r == nullptr) {
+        zlog_warn("dhcpr_get_if_relay fail!");
+        return -1;
+    }
+    if (r->enable != 1) {
+        zlog_warn("This interface relay is not enabled!");
+        return -1;
+    }
+    if (apply_option82(packet, len, *r, vlan, port) != 0) {
+        return -3;
+    }
+    // The datagram is exactly as long as the payload that came: an option 82
+    // that runs past it is cut off on the wire. Kept so.
+    dhcpr_pass_to_server(packet, len, gateway, dhcpr_state.server_sock.get(), r->ifp, &r->server);
+    return 0;
+}
+
+int dhcpr_pass_to_server(dhcp_packet &packet, int len, std::uint32_t gateway_nip, int sock,
+                         interface *client_ifp, const sockunion *server) {
+    if (server == nullptr || len < 0 || static_cast<std::size_t>(len) > sizeof packet) {
+        return -1;
+    }
+    if (!is_relayed_to_server(dhcpr_message_type(packet))) {
+        return -1;
+    }
+    if (dhcpr_item_add(packet.xid, client_ifp, gateway_nip, packet.flags) == nullptr) {
+        return -1;
+    }
+    // The item keeps the flags as the client sent them.
+    if ((packet.flags & htons(DHCP_BROADCAST_FLAG)) != 0) {
+        packet.flags = 0;
+    }
+    // Requests leave from the port-68 socket. Kept so.
+    const auto *bytes = reinterpret_cast<const std::uint8_t *>(&packet);
+    errno = 0;
+    const ssize_t sent = server_sender(sock, {bytes, static_cast<std::size_t>(len)}, server->sin);
+    if (sent != len) {
+        zlog_err("sendto");
+    }
+    return 0;
+}
+
+int dhcpr_relay_reply(dhcp_packet &packet, int len, std::uint32_t port) {
+    if (dhcpsnoop_enable_get() != 0) {
+        const std::uint32_t index = port_index(port);
+        const uif *ingress = index != 0 ? uif_lookup_by_index(index) : nullptr;
+        if (dhcpsnoop_if_untrust_get(ingress) == 1) {
+            return 0;
+        }
+    }
+    dhcpr_pass_to_client(packet, len);
+    return 0;
+}
+
+// The source address is the server identifier, never the relay's own; a
+// reply whose ciaddr is 0 goes to 0.0.0.0 at the client's MAC. Kept so.
+void dhcpr_pass_to_client(dhcp_packet &packet, int len) {
+    const dhcpr_item *item = dhcpr_item_find(packet.xid);
+    if (item == nullptr) {
+        return;
+    }
+    const dhcpr_item copy = *item;
+    deliver_reply(packet, len, copy);
+    dhcpr_item_delete(copy.xid);
+}
+
+void dhcpr_option82_add(dhcp_packet *packet, interface *ifp, std::uint16_t vlan,
+                        std::uint32_t port) {
+    if (packet == nullptr || ifp == nullptr) {
+        zlog_warn("The input pointer is NULL!");
+        return;
+    }
+    const dhcpr_if *r = dhcpr_if_record(ifp);
+    if (r == nullptr) {
+        return;
+    }
+    // The codec refuses (and logs) an option that does not fit.
+    dhcp_add_binary_option(*packet, build_option82(*r, vlan, port));
+}
+
+// Every byte after the option, up to the end of the payload, moves down over
+// it; the last bytes are left as they were. Kept so.
+void dhcpr_option82_remove(dhcp_packet *packet, int len) {
+    if (packet == nullptr) {
+        return;
+    }
+    std::uint8_t *value = dhcp_get_option(packet, DHCP_RELAY_AGENT_INFO);
+    if (value == nullptr) {
+        return;
+    }
+    auto *base = reinterpret_cast<std::uint8_t *>(packet);
+    const auto start = static_cast<std::size_t>(value - 2 - base);
+    const std::size_t end = start + 2 + value[-1];
+    const std::size_t limit = std::min(static_cast<std::size_t>(std::max(len, 0)), sizeof *packet);
+    if (end < limit) {
+        std::memmove(base + start, base + end, limit - end);
+    }
+}
+
+// ===========================================================================
+// Trapped frames.
+
+int dhcpr_netlink_msg(std::uint32_t type, std::uint8_t *msg, std::uint32_t frame_len) {
+    if (type != HAL_MSG_TRAPPED_FRAME) {
+        zlog_err("%s: invalid msg type %d", "dhcpr_netlink_msg", static_cast<int>(type));
+        return -4;
+    }
+    if (msg == nullptr) {
+        return -1;
+    }
+    hal_trap_hdr hdr;
+    std::memcpy(&hdr, msg, sizeof hdr);
+    udp_view u{};
+    if (decode_frame(msg + TRAP_HDR_LEN + hdr.gap, frame_len, u) != 0) {
+        return -1;
+    }
+    // Shorter than the fixed header or longer than the record: dropped.
+    if (u.len < static_cast<long>(DHCP_FIXED_SIZE) ||
+        u.len > static_cast<long>(sizeof(dhcp_packet))) {
+        return bad_payload(u.len);
+    }
+    dhcp_packet packet{};
+    std::memcpy(&packet, u.payload, static_cast<std::size_t>(u.len));
+    const int len = static_cast<int>(u.len);
+    if (u.dport == DHCP_CLIENT_PORT) {
+        dhcpr_relay_reply(packet, len, hdr.port);
+        return 0;
+    }
+    return dhcpr_relay_request(packet, len, hdr.port, hdr.vlan);
+}
+
+// ===========================================================================
+// Seams.
+
+void dhcpr_set_senders(dhcpr_server_send_fn to_server, dhcpr_client_send_fn to_client) {
+    server_sender = to_server != nullptr ? to_server : send_udp;
+    client_sender = to_client != nullptr ? to_client : send_raw;
+}
+
+void dhcpr_set_clock(std::uint32_t (*now)()) {
+    relay_clock = now != nullptr ? now : monotonic_sec;
+}
+
+void dhcpr_reset() {
+    dhcpr_enable_set(0);
+    // A relay whose open failed half-way is off only once enable reads 0.
+    dhcpr_state.enable = 0;
+    dhcpr_state.client_sock.reset();
+    dhcpr_state.server_sock.reset();
+    dhcpr_item_clear();
+    for (interface *ifp : vrf_iflist(VRF_DEFAULT)) {
+        dhcpr_if_teardown(ifp);
+    }
+    bindings().clear();
+}
