@@ -111,6 +111,9 @@ void if_delete(interface *ifp) {
     if (delete_hook != nullptr) {
         delete_hook(ifp);
     }
+    // A session configuring this interface in another connection must not
+    // keep it as its object.
+    vty_forget_index(ifp);
     table().erase(ifp->name);
 }
 

@@ -414,6 +414,20 @@ void vty_terminate() {
     srv.master = nullptr;
 }
 
+void vty_forget_index(const void *object) {
+    if (object == nullptr) {
+        return;
+    }
+    for (auto &[raw, s] : server().sessions) {
+        vty *v = s->v.get();
+        if (v != nullptr && (v->index == object || v->index_sub == object)) {
+            v->node = CONFIG_NODE;
+            v->index = nullptr;
+            v->index_sub = nullptr;
+        }
+    }
+}
+
 std::size_t vty_session_count() {
     return server().sessions.size();
 }

@@ -55,3 +55,7 @@ int vty_serv_sock(const char *addr, unsigned short port, const char *path);
 void vty_terminate();
 // Number of open server sessions.
 std::size_t vty_session_count();
+// An object that sessions may be configuring is going away: every server
+// session whose current object is `object` goes back to the configuration
+// node with no object, so no later command reads it.
+void vty_forget_index(const void *object);

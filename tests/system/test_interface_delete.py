@@ -143,3 +143,28 @@ def test_no_interface_twice_and_inside_its_own_node(served):
     assert "dhcp-server pool" not in d.sh("show dhcp-server").stdout
     assert d.proc.poll() is None
     no_sanitizer_report(d)
+
+
+def test_a_session_configuring_a_deleted_interface_is_moved_out(served):
+    d, _ = served
+    from conftest import vty_request
+    a, b = d.connect_vty(), d.connect_vty()
+    try:
+        assert vty_request(a, "configure terminal")[1] == 0
+        text, code, prompt = vty_request(a, "interface vlanif10")
+        assert (text, code) == ("", 0) and prompt.endswith("(config-if)# "), prompt
+        assert vty_request(a, "dhcp-relay remote-server 10.9.9.9")[1] == 0
+        # Another operator deletes the interface under the first session.
+        assert vty_request(b, "configure terminal")[1] == 0
+        assert vty_request(b, "no interface vlanif10")[:2] == ("", 0)
+        # The first session is back in the configuration node with no
+        # interface; its interface commands are no longer reachable there.
+        text, code, prompt = vty_request(a, "dhcp-relay information enable")
+        assert prompt.endswith("(config)# "), prompt
+        assert code != 0
+        assert vty_request(a, "show dhcp-relay")[1] == 0
+    finally:
+        a.close()
+        b.close()
+    assert d.proc.poll() is None
+    no_sanitizer_report(d)
