@@ -322,7 +322,7 @@ def test_release_expires_the_lease_now(lab):
     client.send(request(CLIENT_MAC, 0x5003, "release", [("server_id", SERVER)],
                         src="192.168.10.100", dst=SERVER, ciaddr="192.168.10.100"))
     wait_until(lambda: d.sh("show dhcp-server lease 192.168.10.100").stdout.split("\n")[1]
-               .split()[-1] == "0", 5, what="expiry now")
+               .split()[-1] == "0", what="expiry now")
 
 
 def test_expired_address_answered_by_a_host_is_reserved_and_offered(lab):

@@ -30,7 +30,7 @@ def pool_state(daemon, name):
     return None
 
 
-def wait_state(daemon, name, want, timeout=10.0):
+def wait_state(daemon, name, want, timeout=30.0):
     wait_until(lambda: pool_state(daemon, name) == want, timeout,
                what=f"{name}: {want!r} (now {pool_state(daemon, name)!r})")
 
