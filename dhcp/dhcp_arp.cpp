@@ -7,6 +7,7 @@
 
 #include <cstring>
 #include <span>
+#include <utility>
 
 #include "dhcp/dhcp_debug.h"
 #include "dhcp/dhcp_socket.h"
@@ -21,7 +22,28 @@ constexpr std::uint16_t kArpReply = 2;
 // Everything up to and including the target IP address.
 constexpr long kArpMinLength = 42;
 
+dhcp_arp_io io;
+
+std::uint64_t now_ms() {
+    return io.now_ms ? io.now_ms() : monotonic_ms();
+}
+
+long receive(int fd, std::span<std::byte> frame, unsigned timeout_ms) {
+    if (io.receive) {
+        return io.receive(fd, frame, timeout_ms);
+    }
+    pollfd pfd{fd, POLLIN, 0};
+    if (::poll(&pfd, 1, static_cast<int>(timeout_ms)) <= 0) {
+        return -1;
+    }
+    return dhcp_safe_read(fd, frame);
+}
+
 }  // namespace
+
+void dhcp_arp_set_io(dhcp_arp_io replacement) {
+    io = std::move(replacement);
+}
 
 dhcp_arp_frame dhcp_arp_request(std::uint32_t test_nip, std::uint32_t from_ip,
                                 const std::uint8_t *from_mac) {
@@ -62,13 +84,9 @@ int arpping(std::uint32_t test_nip, const std::uint8_t *safe_mac, std::uint32_t 
             dhcp_arp_frame reply{};
             unsigned timeout_ms = kProbeBudgetMs;
             for (;;) {
-                const std::uint64_t before = monotonic_ms();
-                pollfd pfd{fd.get(), POLLIN, 0};
-                if (::poll(&pfd, 1, static_cast<int>(timeout_ms)) <= 0) {
-                    break;
-                }
-                const ssize_t n =
-                    dhcp_safe_read(fd.get(), std::as_writable_bytes(std::span(&reply, 1)));
+                const std::uint64_t before = now_ms();
+                const long n =
+                    receive(fd.get(), std::as_writable_bytes(std::span(&reply, 1)), timeout_ms);
                 if (n < 0) {
                     break;
                 }
@@ -79,7 +97,7 @@ int arpping(std::uint32_t test_nip, const std::uint8_t *safe_mac, std::uint32_t 
                 }
                 // Each wake-up costs a millisecond more than measured, so a
                 // stream of unrelated ARP traffic can't hold the probe open.
-                timeout_ms -= static_cast<unsigned>(monotonic_ms() - before) + 1;
+                timeout_ms -= static_cast<unsigned>(now_ms() - before) + 1;
                 if (timeout_ms > kProbeBudgetMs) {
                     break;
                 }

@@ -1,7 +1,10 @@
 // Probing an address with one broadcast ARP request before it is offered.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <span>
 
 // The ARP frame sent and received, Ethernet header included.
 struct dhcp_arp_frame {
@@ -32,3 +35,14 @@ dhcp_arp_frame dhcp_arp_request(std::uint32_t test_nip, std::uint32_t from_ip,
 // client's own MAC; may be nullptr) is no conflict.
 int arpping(std::uint32_t test_nip, const std::uint8_t *safe_mac, std::uint32_t from_ip,
             const std::uint8_t *from_mac, const char *interface);
+
+// What a probe takes from the outside world, replaceable by tests: the
+// millisecond clock that measures its budget, and the wait for one frame on
+// its socket, which returns the frame's length, or -1 once `timeout_ms` has
+// passed without one or on an error. Empty functions restore the defaults
+// (monotonic_ms(); poll(2) then read(2)).
+struct dhcp_arp_io {
+    std::function<std::uint64_t()> now_ms;
+    std::function<long(int fd, std::span<std::byte> frame, unsigned timeout_ms)> receive;
+};
+void dhcp_arp_set_io(dhcp_arp_io io);

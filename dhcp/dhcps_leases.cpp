@@ -656,6 +656,7 @@ lease_node *new_node(const std::uint8_t *mac = nullptr, std::uint32_t nip = 0,
 }
 
 std::string lease_file_path = DHCPS_LEASE_FILE;
+dhcps_lease_file_writer lease_file_writer;
 thread_master *write_master = nullptr;
 thread *write_thread = nullptr;
 
@@ -1029,7 +1030,9 @@ void dhcps_write_leases(const char *path) {
     }
 
     // A failed write or flush keeps the old file rather than a partial one.
-    bool ok = write_all(fd.get(), std::as_bytes(std::span(out))) && ::fsync(fd.get()) == 0;
+    const auto records = std::as_bytes(std::span(out));
+    bool ok = lease_file_writer ? lease_file_writer(fd.get(), records)
+                                : dhcps_lease_file_store(fd.get(), records);
     ok = (::close(fd.release()) == 0) && ok;
     if (!ok || ::rename(temp.c_str(), target.c_str()) != 0) {
         ::unlink(temp.c_str());
@@ -1040,6 +1043,14 @@ void dhcps_write_leases(const char *path) {
     if (dir) {
         ::fsync(dir.get());
     }
+}
+
+bool dhcps_lease_file_store(int fd, std::span<const std::byte> records) {
+    return write_all(fd, records) && ::fsync(fd) == 0;
+}
+
+void dhcps_set_lease_file_writer(dhcps_lease_file_writer writer) {
+    lease_file_writer = std::move(writer);
 }
 
 void dhcps_load_leases(const char *path) {

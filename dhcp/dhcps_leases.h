@@ -17,6 +17,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <span>
 
 struct dhcps_pool;
 struct interface;
@@ -69,6 +70,13 @@ int dhcps_write_timer(thread *t);
 // test or tool points it elsewhere (nullptr goes back to the default).
 void dhcps_set_lease_file(const char *path);
 const char *dhcps_lease_file();
+// How dhcps_write_leases() puts the records into the temporary file: write
+// them all and flush them to the device, false on any failure (the old file
+// is then kept). The default is dhcps_lease_file_store(); crash tests and
+// tools replace it to stop a write midway. An empty function restores it.
+using dhcps_lease_file_writer = std::function<bool(int fd, std::span<const std::byte> records)>;
+void dhcps_set_lease_file_writer(dhcps_lease_file_writer writer);
+bool dhcps_lease_file_store(int fd, std::span<const std::byte> records);
 // Arms the first write-timer run on `m` (start-up); later runs re-arm on it.
 void dhcps_write_timer_start(thread_master *m);
 // Cancels a pending run and forgets the master (before freeing it).

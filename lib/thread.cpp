@@ -2,8 +2,10 @@
 
 #include <event2/event.h>
 
+#include <algorithm>
 #include <memory>
 #include <unordered_map>
+#include <vector>
 
 namespace {
 struct event_deleter {
@@ -18,6 +20,8 @@ struct base_deleter {
 struct task_slot {
     thread pub;
     std::unique_ptr<event, event_deleter> ev;
+    long msec = 0;             // timers: the interval armed
+    std::uint64_t serial = 0;  // order of creation on the master
     bool running = false;
     bool cancelled = false;
 };
@@ -25,6 +29,7 @@ struct task_slot {
 struct thread_master {
     std::unique_ptr<event_base, base_deleter> base;
     std::unordered_map<thread *, std::unique_ptr<task_slot>> tasks;
+    std::uint64_t created = 0;
     int ran = 0;
 };
 
@@ -34,13 +39,16 @@ void finish(thread_master *m, thread *t) {
     m->tasks.erase(t);
 }
 
-void dispatch(evutil_socket_t, short, void *p) {
-    auto *slot = static_cast<task_slot *>(p);
+void run_slot(task_slot *slot) {
     thread_master *m = slot->pub.master;
     slot->running = true;
     ++m->ran;
     slot->pub.func(&slot->pub);
     finish(m, &slot->pub);
+}
+
+void dispatch(evutil_socket_t, short, void *p) {
+    run_slot(static_cast<task_slot *>(p));
 }
 
 thread *add_task(thread_master *m, thread_kind kind, thread_func func, void *arg, int fd, int val,
@@ -60,6 +68,10 @@ thread *add_task(thread_master *m, thread_kind kind, thread_func func, void *arg
     } else if (event_add(slot->ev.get(), tv) != 0) {
         return nullptr;
     }
+    if (tv != nullptr) {
+        slot->msec = static_cast<long>(tv->tv_sec) * 1000 + static_cast<long>(tv->tv_usec) / 1000;
+    }
+    slot->serial = ++m->created;
     thread *t = &slot->pub;
     m->tasks.emplace(t, std::move(slot));
     return t;
@@ -184,6 +196,51 @@ void thread_break(thread_master *m) {
     if (m != nullptr) {
         event_base_loopbreak(m->base.get());
     }
+}
+
+std::vector<long> thread_timer_intervals(const thread_master *m) {
+    std::vector<long> out;
+    if (m != nullptr) {
+        for (const auto &[t, slot] : m->tasks) {
+            if (t->kind == thread_kind::timer) {
+                out.push_back(slot->msec);
+            }
+        }
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+int thread_fire_timers(thread_master *m) {
+    if (m == nullptr) {
+        return 0;
+    }
+    struct due_timer {
+        long msec;
+        std::uint64_t serial;
+        thread *t;
+    };
+    std::vector<due_timer> due;
+    for (const auto &[t, slot] : m->tasks) {
+        if (t->kind == thread_kind::timer) {
+            due.push_back({slot->msec, slot->serial, t});
+        }
+    }
+    // In the order their time would come: shortest first, then the older.
+    std::sort(due.begin(), due.end(), [](const due_timer &a, const due_timer &b) {
+        return a.msec != b.msec ? a.msec < b.msec : a.serial < b.serial;
+    });
+    m->ran = 0;
+    for (const auto &[msec, serial, t] : due) {
+        // A callback that ran before may have cancelled this one (and its
+        // place may hold a task made since).
+        auto it = m->tasks.find(t);
+        if (it != m->tasks.end() && it->second->serial == serial) {
+            event_del(it->second->ev.get());
+            run_slot(it->second.get());
+        }
+    }
+    return m->ran;
 }
 
 event_base *thread_master_event_base(thread_master *m) {

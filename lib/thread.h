@@ -8,7 +8,9 @@
 // The engine underneath is libevent; no callback ever runs in signal context.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <vector>
 
 struct thread_master;
 struct thread;
@@ -65,6 +67,14 @@ void thread_main(thread_master *m);
 int thread_run_once(thread_master *m, int timeout_ms);
 // Makes thread_main() return after the current callback.
 void thread_break(thread_master *m);
+
+// Tests run timers by hand instead of waiting for them. The intervals (ms)
+// the pending timers of `m` were armed with, ascending.
+std::vector<long> thread_timer_intervals(const thread_master *m);
+// Runs every timer pending on `m` now, as if its time had come; timers their
+// callbacks arm wait for their own time (or the next call). Returns how many
+// callbacks ran.
+int thread_fire_timers(thread_master *m);
 
 // Libevent base behind the master, for modules that need their own events.
 struct event_base *thread_master_event_base(thread_master *m);

@@ -4,6 +4,10 @@ Every daemon runs in a network namespace of its own and a private mount
 namespace with tmpfs on /var/run and /mnt, so tests run side by side and never
 touch the host. Tests reach the daemon's files through /proc/PID/root and run
 the shell inside its namespaces with nsenter.
+
+Every daemon a test starts is checked when it stops (sanitizer.py): exit
+status 0 after SIGTERM and no sanitizer report in its output, or the test
+fails with the report.
 """
 import os
 import pathlib
@@ -15,17 +19,35 @@ import uuid
 
 import pytest
 
+import sanitizer
+
+# Reports go to the programs' standard error, where the checks read them.
+sanitizer.scrub_environment()
+
 REPO = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("DHCPD_BUILD_DIR", REPO / "build"))
 DHCPD = BUILD / "dhcp" / "dhcpd"
 DHCPSH = BUILD / "tools" / "dhcpsh" / "dhcpsh"
 
 
+def _sanitized(build):
+    try:
+        return "DHCPD_SANITIZE:BOOL=ON" in (build / "CMakeCache.txt").read_text()
+    except OSError:
+        return False
+
+
+# The build under test has the sanitizers (and is slow).
+SANITIZED = _sanitized(BUILD)
+
+
 def run(cmd, check=True, **kw):
     return subprocess.run(cmd, check=check, capture_output=True, text=True, **kw)
 
 
-def wait_until(pred, timeout=10.0, step=0.05, what="condition"):
+def wait_until(pred, timeout=30.0, step=0.05, what="condition"):
+    """Polls `pred` until true; `timeout` only bounds the wait (generous:
+    the sanitizer build on a loaded machine is slow)."""
     end = time.monotonic() + timeout
     while time.monotonic() < end:
         if pred():
@@ -58,21 +80,28 @@ _MOUNTS = ("mount -t tmpfs tmpfs /var/run && mount -t tmpfs tmpfs /mnt && "
 
 
 class Daemon:
-    """One dhcpd in its own namespaces; stdout/stderr go to a log file."""
+    """One dhcpd in its own namespaces; stdout/stderr go to a log file, and
+    sanitizer reports of a daemon that detached (-d) to files beside it."""
 
-    def __init__(self, ns, logdir, args=(), prelude="", mnt_dir=None):
+    def __init__(self, ns, logdir, args=(), prelude="", mnt_dir=None, expected_status=0):
         """mnt_dir: a directory bound on /mnt instead of a fresh tmpfs, so
-        the lease file outlives the daemon."""
+        the lease file outlives the daemon. expected_status: how stop()
+        expects the process to have ended (None: any way)."""
         self.ns = ns
         self.log_path = pathlib.Path(logdir) / f"dhcpd-{ns.name}-{time.monotonic_ns()}.log"
         self.log_file = open(self.log_path, "w")
+        self.expected_status = expected_status
+        self.checked = False
+        detached = "-d" in args
+        self.report_prefix = self.log_path.with_suffix(".san") if detached else None
+        env = sanitizer.environment_logging_to(self.report_prefix) if detached else None
         mounts = _MOUNTS if mnt_dir is None else _MOUNTS.replace(
             "mount -t tmpfs tmpfs /mnt", f"mount --bind {mnt_dir} /mnt")
         script = mounts + prelude + f'exec {DHCPD} {" ".join(args)}'
         self.proc = subprocess.Popen(
             ["ip", "netns", "exec", ns.name, "unshare", "--mount", "--propagation", "private",
              "sh", "-c", script],
-            stdout=self.log_file, stderr=subprocess.STDOUT)
+            stdout=self.log_file, stderr=subprocess.STDOUT, env=env)
         self.pid = self.proc.pid
 
     @property
@@ -87,7 +116,7 @@ class Daemon:
             p = os.path.join(os.path.realpath("/var/run"), p[len("/var/run/"):])
         return self.root / p.lstrip("/")
 
-    def wait_ready(self, timeout=10.0):
+    def wait_ready(self, timeout=30.0):
         wait_until(lambda: self.proc.poll() is not None or self.path("/var/run/dhcp.vty").exists(),
                    timeout, what="vty socket")
         assert self.proc.poll() is None, f"dhcpd exited early:\n{self.log()}"
@@ -98,40 +127,54 @@ class Daemon:
         self.log_file.flush()
         return self.log_path.read_text(errors="replace")
 
-    def wait_log(self, text, timeout=10.0):
+    def wait_log(self, text, timeout=30.0):
         wait_until(lambda: text in self.log(), timeout, what=repr(text))
 
-    def sh(self, *commands, check=False, timeout=30):
-        """Runs dhcpsh -c for each command inside the daemon's namespaces."""
+    def sh(self, *commands, check=False, timeout=60):
+        """Runs dhcpsh -c for each command inside the daemon's namespaces.
+        Its exit status is the caller's to check; a sanitizer report fails."""
         argv = ["nsenter", "-t", str(self.pid), "-m", "-n", str(DHCPSH)]
         for c in commands:
             argv += ["-c", c]
-        return run(argv, check=check, timeout=timeout)
+        return sanitizer.checked(run(argv, check=check, timeout=timeout), expected=None)
 
-    def shell(self, *args, check=False, timeout=30, input=None):
+    def shell(self, *args, check=False, timeout=60, input=None):
         argv = ["nsenter", "-t", str(self.pid), "-m", "-n", str(DHCPSH), *args]
-        return run(argv, check=check, timeout=timeout, input=input)
+        return sanitizer.checked(run(argv, check=check, timeout=timeout, input=input),
+                                 expected=None)
 
     def connect_vty(self):
         s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
         # A blocking connect waits for room in the listen backlog, as the
         # shell's does; a timed one would fail with EAGAIN under load.
         s.connect(str(self.path("/var/run/dhcp.vty")))
-        s.settimeout(5)
+        s.settimeout(30)
         return s
 
     def signal(self, sig):
         os.kill(self.pid, sig)
 
     def stop(self):
+        """Ends the daemon with SIGTERM (if it still runs), then checks how it
+        ended: exit status `expected_status`, no sanitizer report. Checked
+        once; later calls do nothing."""
         if self.proc.poll() is None:
             self.proc.send_signal(signal.SIGTERM)
             try:
-                self.proc.wait(5)
+                self.proc.wait(60)
             except subprocess.TimeoutExpired:
                 self.proc.kill()
                 self.proc.wait()
-        self.log_file.close()
+        if not self.log_file.closed:
+            self.log_file.close()
+        if self.checked:
+            return
+        self.checked = True
+        output = self.log_path.read_text(errors="replace")
+        if self.report_prefix is not None:
+            output += sanitizer.report_files_text(self.report_prefix)
+        sanitizer.check_outcome(f"dhcpd in {self.ns.name} (log {self.log_path})",
+                                self.proc.returncode, output, self.expected_status)
 
 
 def vty_request(sock, line, kind=b"X"):
@@ -208,7 +251,7 @@ def netns():
 
 @pytest.fixture
 def daemon(netns, tmp_path):
-    """A running dhcpd in the foreground."""
+    """A running dhcpd in the foreground; stopped and checked at the end."""
     d = Daemon(netns, tmp_path)
     try:
         d.wait_ready()
@@ -217,18 +260,32 @@ def daemon(netns, tmp_path):
         d.stop()
 
 
+def stop_all(daemons):
+    """Stops every daemon, then raises the first failed check, if any."""
+    failures = []
+    for d in daemons:
+        try:
+            d.stop()
+        except AssertionError as e:
+            failures.append(e)
+    if failures:
+        raise failures[0]
+
+
 @pytest.fixture
 def make_daemon(tmp_path):
     """Factory for daemons with extra arguments or set-up; all stopped at the end."""
     made = []
 
-    def factory(args=(), prelude="", ns=None, ready=True):
+    def factory(args=(), prelude="", ns=None, ready=True, expected_status=0):
         ns = ns or Netns()
-        d = Daemon(ns, tmp_path, args, prelude)
+        d = Daemon(ns, tmp_path, args, prelude, expected_status=expected_status)
         made.append((d, ns))
         return d.wait_ready() if ready else d  # a failed start is stopped below
 
     yield factory
-    for d, ns in made:
-        d.stop()
-        ns.delete()
+    try:
+        stop_all([d for d, _ in made])
+    finally:
+        for _, ns in made:
+            ns.delete()

@@ -7,10 +7,16 @@ import os
 import pathlib
 import socket
 import subprocess
+import tempfile
 import uuid
+
+import sanitizer
 
 REPO = pathlib.Path(__file__).resolve().parents[2]
 BUILD = pathlib.Path(os.environ.get("DHCPD_BUILD_DIR", REPO / "build"))
+
+# Reports go to the programs' standard error, where the checks read them.
+sanitizer.scrub_environment()
 
 ETH_P_ALL = 0x0003
 ETH_P_IP = 0x0800
@@ -108,13 +114,26 @@ class VethPair:
         self.b.delete()
 
 
+def run_tool(ns, *cmd, expected=0, **kw):
+    """Runs a tool inside namespace `ns`; fails on a sanitizer report or an
+    exit status other than `expected`. Returns the finished process."""
+    return sanitizer.checked(ns.exec(*cmd, check=False, **kw), expected=expected)
+
+
 class CodecTool:
-    """One dhcp_codec_tool process; cmd() returns (answer, [(prio, text)])."""
+    """One dhcp_codec_tool process; cmd() returns (answer, [(prio, text)]).
+    close() checks how it ended (status 0, no sanitizer report)."""
 
     def __init__(self):
+        self.stderr = tempfile.TemporaryFile()
         self.proc = subprocess.Popen([tool("dhcp_codec_tool")], stdin=subprocess.PIPE,
-                                     stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                                     stdout=subprocess.PIPE, stderr=self.stderr,
                                      text=True, bufsize=1)
+
+    def errors(self):
+        self.stderr.flush()
+        self.stderr.seek(0)
+        return self.stderr.read().decode(errors="replace")
 
     def cmd(self, line):
         self.proc.stdin.write(line + "\n")
@@ -123,7 +142,11 @@ class CodecTool:
         while True:
             out = self.proc.stdout.readline()
             if not out:
-                raise RuntimeError(f"codec tool died on {line[:80]!r}")
+                self.proc.wait(60)
+                sanitizer.check_outcome(f"dhcp_codec_tool on {line[:80]!r}",
+                                        self.proc.returncode, self.errors(), expected=None)
+                raise RuntimeError(f"codec tool died on {line[:80]!r}: status "
+                                   f"{self.proc.returncode}\n{self.errors()}")
             out = out.rstrip("\n")
             if out.startswith("log "):
                 _, prio, text = out.split(" ", 2)
@@ -135,4 +158,8 @@ class CodecTool:
 
     def close(self):
         self.proc.stdin.close()
-        self.proc.wait(10)
+        self.proc.stdout.close()
+        self.proc.wait(60)
+        errors = self.errors()
+        self.stderr.close()
+        sanitizer.check_outcome("dhcp_codec_tool", self.proc.returncode, errors)

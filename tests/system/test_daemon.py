@@ -4,19 +4,19 @@ import signal
 import socket
 import struct
 import subprocess
-import time
 
 import pytest
 
 from conftest import DHCPD, DHCPSH, Netns, run, vty_read_reply, vty_request, wait_until
+from sanitizer import checked
 
 
 def test_non_root_start_prints_only_perror_and_writes_no_pid(netns):
     script = ("mount -t tmpfs tmpfs /var/run && "
               f"setpriv --reuid=65534 --regid=65534 --clear-groups {DHCPD}; "
               "echo rc=$? >&2; ls -A /var/run >&2")
-    r = netns.exec("unshare", "--mount", "--propagation", "private", "sh", "-c", script,
-                   check=False)
+    r = checked(netns.exec("unshare", "--mount", "--propagation", "private", "sh", "-c", script,
+                           check=False), expected=None)
     assert r.stdout == ""
     lines = r.stderr.splitlines()
     assert lines[0] == "dhcpd: Operation not permitted"
@@ -33,7 +33,7 @@ def test_foreground_start_writes_pid_file_and_vty_socket(daemon):
 def test_daemon_mode_detaches_and_writes_child_pid(make_daemon):
     d = make_daemon(args=["-d"], ready=False)
     # The launcher exits once daemon() forks; the child goes on in the namespaces.
-    assert d.proc.wait(10) == 0
+    assert d.proc.wait(60) == 0
     pidfile_root = None
 
     def pid_written():
@@ -116,23 +116,24 @@ def test_debug_switches_and_show_quirks(daemon):
 def test_sighup_is_logged_and_daemon_keeps_running(daemon):
     daemon.signal(signal.SIGHUP)
     daemon.wait_log("dhcpd: info: SIGHUP received")
-    time.sleep(0.2)
-    assert daemon.proc.poll() is None
+    # Served after the signal was handled, and still there.
     assert daemon.sh("show debugging dhcp").returncode == 0
+    assert daemon.proc.poll() is None
 
 
 @pytest.mark.parametrize("sig", [signal.SIGTERM, signal.SIGINT])
 def test_sigterm_and_sigint_end_with_status_zero(daemon, sig):
     daemon.signal(sig)
-    assert daemon.proc.wait(5) == 0
+    assert daemon.proc.wait(60) == 0
     assert "dhcpd: notice: Terminating on signal" in daemon.log()
 
 
 def test_sigusr1_rotates_and_keeps_running(daemon):
     daemon.signal(signal.SIGUSR1)
-    time.sleep(0.3)
-    assert daemon.proc.poll() is None
+    # The signal is pending before the request is sent: the daemon handles
+    # it before it answers, and is still there afterwards.
     assert daemon.sh("show debugging dhcp").returncode == 0
+    assert daemon.proc.poll() is None
 
 
 def test_two_sessions_keep_their_own_nodes(daemon):
@@ -155,7 +156,7 @@ def test_hostile_vty_input_leaves_daemon_serving(daemon):
     s = daemon.connect_vty()
     s.settimeout(None)  # a blocking send: the daemon reads it at its own pace
     s.sendall(b"X" + b"a" * (1 << 20) + b"\0")
-    s.settimeout(10)
+    s.settimeout(30)
     text, code, _ = vty_read_reply(s)
     assert code == 1 and "too long" in text
     text, code, _ = vty_request(s, "show debugging dhcp")
@@ -197,9 +198,8 @@ def test_write_memory_and_boot_replay(daemon):
 
 def test_shell_without_daemon_says_so(netns):
     script = f"mount -t tmpfs tmpfs /var/run && exec {DHCPSH} -c 'show debugging dhcp'"
-    r = netns.exec("unshare", "--mount", "--propagation", "private", "sh", "-c", script,
-                   check=False)
-    assert r.returncode == 2
+    r = checked(netns.exec("unshare", "--mount", "--propagation", "private", "sh", "-c", script,
+                           check=False), expected=2)
     assert r.stderr.startswith("dhcpsh: cannot connect to /var/run/dhcp.vty: ")
     assert "No such file or directory" in r.stderr
 
@@ -225,7 +225,7 @@ def read_frame(s):
 def test_management_bus_peer_and_late_bus(daemon):
     peer = """
 import socket, struct, sys
-s = socket.create_connection(("127.0.0.1", 30008), timeout=5)
+s = socket.create_connection(("127.0.0.1", 30008), timeout=30)
 s.sendall(struct.pack(">HHI", 0x5542, 3, 4) + b"ping")
 print(s.recv(64).hex())
 """
@@ -235,7 +235,7 @@ print(s.recv(64).hex())
     # A malformed message ends only that peer's connection.
     bad = """
 import socket
-s = socket.create_connection(("127.0.0.1", 30008), timeout=5)
+s = socket.create_connection(("127.0.0.1", 30008), timeout=30)
 s.sendall(b"garbage!garbage!")
 print(repr(s.recv(64)))
 """
@@ -245,11 +245,11 @@ print(repr(s.recv(64)))
     bus = """
 import socket, struct
 l = socket.socket(); l.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-l.bind(("127.0.0.1", 30000)); l.listen(1); l.settimeout(10)
-c, _ = l.accept(); c.settimeout(5)
+l.bind(("127.0.0.1", 30000)); l.listen(1); l.settimeout(60)
+c, _ = l.accept(); c.settimeout(30)
 h = c.recv(8); magic, kind, n = struct.unpack(">HHI", h)
 print(hex(magic), kind, c.recv(n).decode())
 """
-    r = daemon.ns.exec("/usr/bin/python3", "-c", bus, timeout=20)
+    r = daemon.ns.exec("/usr/bin/python3", "-c", bus, timeout=90)
     assert r.stdout.strip() == "0x5542 1 dhcpd"
     assert daemon.proc.poll() is None

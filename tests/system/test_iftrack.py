@@ -8,6 +8,7 @@ import re
 import pytest
 
 from conftest import BUILD, run, wait_until
+from sanitizer import checked
 
 HAL_PROBE = BUILD / "tests" / "tools" / "hal_probe"
 
@@ -29,7 +30,7 @@ def pool_state(daemon, name):
     return None
 
 
-def wait_state(daemon, name, want, timeout=10.0):
+def wait_state(daemon, name, want, timeout=30.0):
     wait_until(lambda: pool_state(daemon, name) == want, timeout,
                what=f"{name}: {want!r} (now {pool_state(daemon, name)!r})")
 
@@ -166,7 +167,7 @@ def test_mac_port_from_the_forwarding_database(switch):
          "master", "static"])
 
     def probe(vid, mac, *extra):
-        r = switch.ns.exec(str(HAL_PROBE), str(vid), mac, *extra)
+        r = checked(switch.ns.exec(str(HAL_PROBE), str(vid), mac, *extra, check=False))
         return r.stdout.splitlines()
 
     wait_until(lambda: probe(10, "02:00:00:00:0a:01")[0] == "rc=0 port=0x1000001",
@@ -176,8 +177,7 @@ def test_mac_port_from_the_forwarding_database(switch):
     assert probe(20, "02:00:00:00:0a:01")[0] == "rc=0 port=0"
     assert probe(99, "02:00:00:00:0a:01")[0] == "rc=0 port=0"
     assert probe(10, "02:00:00:00:0b:02", "10", "dump")[0] == "rc=0 port=0x1000002"
-    # Cheap enough to ask once per request.
+    # Cheap enough to ask once per request: one socket, kept open between
+    # the calls.
     out = probe(10, "02:00:00:00:0a:01", "2000")
-    assert out[0] == "rc=0 port=0x1000001"
-    usec = int(out[1].split("=")[1])
-    assert usec < 1000, out
+    assert out == ["rc=0 port=0x1000001", "opened=1"]

@@ -1,12 +1,16 @@
 """The lease file under kill -9: always one whole snapshot, never a torn one.
 
-tests/tools/lease_writer fills the lease table and writes the file in a
-loop, one generation after another; the test kills it at random moments and
-checks that the file on disk is exactly the snapshot of one generation (the
-one found before the kill, or one written since), rebuilt here from the
-writer's rules.
+tests/tools/lease_writer fills the lease table and writes the file, one
+generation after another, each a snapshot the test rebuilds on its own from
+the writer's rules. Asked to, the writer stops inside the write of its last
+generation (a chosen share of the bytes in the temporary file, from none to
+all of them flushed just before the rename) and says so; the test kills it
+-9 right then and finds the previous generation whole in the file and the
+partial one only in the temporary file. Further runs kill the writer at
+random moments: whatever the moment, the file is one whole generation.
 """
 import random
+import select
 import signal
 import struct
 import subprocess
@@ -15,12 +19,15 @@ import time
 import pytest
 
 from conftest import BUILD
+from sanitizer import check_outcome, checked
 
 WRITER = BUILD / "tests" / "tools" / "lease_writer"
 NOW = 1700000000
 MAX_RECORDS = 3000
 RECORD = 44
-RUNS = 200
+FORCED_RUNS = 60
+RANDOM_RUNS = 40
+PPM = 1000000
 
 pytestmark = pytest.mark.skipif(not WRITER.exists(), reason="lease_writer not built")
 
@@ -37,30 +44,81 @@ def snapshot(g):
     return b"".join(out)
 
 
+def write_quietly(path, first, generations):
+    checked(subprocess.run([str(WRITER), str(path), str(first), str(generations),
+                            str(MAX_RECORDS)], capture_output=True, text=True))
+
+
 def test_snapshot_rebuilt_here_matches_a_quiet_run(tmp_path):
     path = tmp_path / "dhcps.leases"
-    subprocess.run([str(WRITER), str(path), "41", "1", str(MAX_RECORDS)], check=True)
+    write_quietly(path, 41, 1)
     assert path.read_bytes() == snapshot(41)
-    subprocess.run([str(WRITER), str(path), "7", "3", str(MAX_RECORDS)], check=True)
+    write_quietly(path, 7, 3)
     assert path.read_bytes() == snapshot(9)
     assert sorted(p.name for p in tmp_path.iterdir()) == ["dhcps.leases"]
 
 
-def test_kill_9_while_writing_never_leaves_a_torn_file(tmp_path):
+def stopped_inside(path, first, generations, ppm):
+    """Runs the writer until it stops inside the write of generation
+    first + generations - 1, kills it -9 there; returns what it said."""
+    writer = subprocess.Popen([str(WRITER), str(path), str(first), str(generations),
+                               str(MAX_RECORDS), str(ppm)],
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+    try:
+        # The bound only limits the wait for the writer's line.
+        ready, _, _ = select.select([writer.stdout], [], [], 120)
+        said = writer.stdout.readline() if ready else ""
+    finally:
+        writer.send_signal(signal.SIGKILL)
+        status = writer.wait()
+    errors = writer.stderr.read()
+    writer.stdout.close()
+    writer.stderr.close()
+    check_outcome("lease_writer", status, said + errors, expected=-signal.SIGKILL)
+    assert said, f"the writer never stopped inside a write: {errors}"
+    return said.rstrip("\n")
+
+
+def test_kill_9_inside_a_write_leaves_the_previous_generation_whole(tmp_path):
     path = tmp_path / "dhcps.leases"
     temp = tmp_path / "dhcps.leases.tmp"
     rng = random.Random(0x1ea5e)
+    stops = [0, PPM] + [rng.randrange(1, PPM) for _ in range(FORCED_RUNS - 2)]
+    rng.shuffle(stops)
     last = None  # generation of the file on disk
-    generations = set()
-    mid_write = 0
-    for run in range(RUNS):
+    for run, ppm in enumerate(stops):
+        first = (last or 0) + 1
+        generations = rng.randint(1, 3)
+        stopped = first + generations - 1
+        said = stopped_inside(path, first, generations, ppm)
+
+        whole = snapshot(stopped)
+        part = len(whole) * ppm // PPM
+        assert said == f"inside generation {stopped}: {part} of {len(whole)} bytes written", run
+        previous = stopped - 1 if generations > 1 else last
+        if previous is None:
+            assert not path.exists(), f"run {run}: a file before any whole generation"
+        else:
+            assert path.read_bytes() == snapshot(previous), \
+                f"run {run}: not the whole snapshot of generation {previous}"
+        assert temp.read_bytes() == whole[:part], f"run {run}: temporary file"
+        last = previous
+
+
+def test_kill_9_at_random_moments_never_leaves_a_torn_file(tmp_path):
+    path = tmp_path / "dhcps.leases"
+    rng = random.Random(0x5eed)
+    last = None
+    for run in range(RANDOM_RUNS):
         first = (last or 0) + 1
         writer = subprocess.Popen([str(WRITER), str(path), str(first), "100000000",
-                                   str(MAX_RECORDS)])
-        time.sleep(rng.uniform(0.002, 0.06))
+                                   str(MAX_RECORDS)], stderr=subprocess.PIPE, text=True)
+        time.sleep(rng.uniform(0.002, 0.06))  # any moment will do; none is needed
         writer.send_signal(signal.SIGKILL)
-        assert writer.wait() == -signal.SIGKILL, f"run {run}: writer ended on its own"
-        mid_write += temp.exists()
+        writer.wait()
+        errors = writer.stderr.read()
+        writer.stderr.close()
+        check_outcome("lease_writer", writer.returncode, errors, expected=None)
 
         if not path.exists():
             assert last is None, f"run {run}: the file vanished"
@@ -71,8 +129,3 @@ def test_kill_9_while_writing_never_leaves_a_torn_file(tmp_path):
         assert g == last or g >= first, f"run {run}: generation {g} after {last}"
         assert data == snapshot(g), f"run {run}: not the whole snapshot of generation {g}"
         last = g
-        generations.add(g)
-
-    # The kills must have met the writer at work, often inside a write.
-    assert len(generations) > RUNS // 4
-    assert mid_write > 0

@@ -1,12 +1,13 @@
 """Raw DHCP frames on a veth link: sent by dhcp_send_tool in one namespace,
-captured in the peer namespace and checked with scapy."""
+captured in the peer namespace and checked with scapy. The tool has sent
+every frame before it exits, so the frames wait in the capture socket."""
 import socket
 import time
 
 import pytest
 from scapy.all import BOOTP, DHCP, IP, UDP, Ether, raw
 
-from msgutil import ETH_P_ALL, VethPair, tool
+from msgutil import ETH_P_ALL, VethPair, run_tool, tool
 
 BCAST_MAC = "ff:ff:ff:ff:ff:ff"
 
@@ -18,9 +19,9 @@ def link():
     pair.delete()
 
 
-def send(link, dst_ip, dst_mac, kind, count=1, debug=0, src_ip=None, check=True):
-    r = link.a.exec(tool("dhcp_send_tool"), link.if_a, src_ip or link.addr_a, dst_ip, dst_mac,
-                    kind, str(count), str(debug), check=check, timeout=120)
+def send(link, dst_ip, dst_mac, kind, count=1, debug=0, src_ip=None, status=0):
+    r = run_tool(link.a, tool("dhcp_send_tool"), link.if_a, src_ip or link.addr_a, dst_ip,
+                 dst_mac, kind, str(count), str(debug), expected=status, timeout=300)
     lines = r.stdout.splitlines()
     msg = bytes.fromhex(next(l for l in lines if l.startswith("msg ")).split()[1])
     logs = [l[4:] for l in lines if l.startswith("log ")]
@@ -28,8 +29,9 @@ def send(link, dst_ip, dst_mac, kind, count=1, debug=0, src_ip=None, check=True)
     return msg, logs, sent, r.returncode
 
 
-def dhcp_frames(sock, want=1, timeout=3.0):
-    """Frames to UDP port 68 read from the capture socket."""
+def dhcp_frames(sock, want=1, timeout=30.0):
+    """Frames to UDP port 68 read from the capture socket, until `want` of
+    them (the timeout only bounds the wait)."""
     frames = []
     sock.settimeout(0.2)
     end = time.monotonic() + timeout
@@ -137,20 +139,17 @@ def test_many_replies_on_one_socket(link):
     cap = link.packet_socket(ETH_P_ALL)
     cap.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 16 << 20)
     count = 3000
-    start = time.monotonic()
     _, logs, sent, rc = send(link, link.addr_b, link.mac_b, "reply", count=count)
-    took = time.monotonic() - start
     assert rc == 0 and sent == [] and logs == []
-    frames = dhcp_frames(cap, want=count, timeout=10)
+    frames = dhcp_frames(cap, want=count)
     assert len(frames) == count
     assert all(len(f) == 14 + 308 for f in frames)
     assert checksums_ok(frames[-1]) == (True, True)
-    print(f"{count} raw replies in {took:.3f} s (process start included)")
 
 
 def test_send_on_down_link_fails(link):
     link.a.ip("link", "set", link.if_a, "down")
-    _, logs, sent, rc = send(link, "255.255.255.255", BCAST_MAC, "empty", check=False)
+    _, logs, sent, rc = send(link, "255.255.255.255", BCAST_MAC, "empty", status=1)
     assert sent == [-1]
     assert logs == ["3 sendto"]
     assert rc == 1

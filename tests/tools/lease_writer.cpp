@@ -2,16 +2,24 @@
 // fills the table afresh and writes it, so every complete file is one
 // generation's snapshot that the test can rebuild on its own.
 //
-//   lease_writer PATH FIRST_GENERATION GENERATIONS MAX_RECORDS
+//   lease_writer PATH FIRST_GENERATION GENERATIONS MAX_RECORDS [STOP_PPM]
+//
+// With STOP_PPM the last generation stops inside its write: it writes that
+// share (parts per million) of its bytes to the temporary file and flushes
+// them (1000000: all of them, flushed, just before the rename), prints
+// "inside generation G: K of N bytes written" and waits to be killed.
 //
 // Generation g holds 1 + (g * 7919) % MAX_RECORDS leases, created in the
 // order j = 0, 1, ... (so written newest first): MAC 02:g2:g1:g0:j1:j0,
 // address 10.0.0.0 + j + 1, lease time g, expiry 1700000000 + j, state 1,
 // host name "g<g>-<j>". The clock is pinned to 1700000000.
 #include <arpa/inet.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <span>
 #include <string>
 
 #include "dhcp/dhcps_leases.h"
@@ -40,11 +48,28 @@ void fill(std::uint32_t g, std::uint32_t max_records) {
     }
 }
 
+// Writes the first `ppm` millionths of the records, says so and waits for
+// the kill.
+[[noreturn]] void stop_inside(std::uint32_t g, std::uint64_t ppm, int fd,
+                              std::span<const std::byte> records) {
+    const std::size_t part = static_cast<std::size_t>(records.size() * ppm / 1000000);
+    if (!dhcps_lease_file_store(fd, records.first(part))) {
+        std::fprintf(stderr, "lease_writer: partial write failed\n");
+        std::exit(1);
+    }
+    std::printf("inside generation %u: %zu of %zu bytes written\n", g, part, records.size());
+    std::fflush(stdout);
+    for (;;) {
+        ::pause();
+    }
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
-    if (argc != 5) {
-        std::fprintf(stderr, "usage: %s PATH FIRST_GENERATION GENERATIONS MAX_RECORDS\n", argv[0]);
+    if (argc != 5 && argc != 6) {
+        std::fprintf(stderr, "usage: %s PATH FIRST_GENERATION GENERATIONS MAX_RECORDS [STOP_PPM]\n",
+                     argv[0]);
         return 2;
     }
     const char *path = argv[1];
@@ -59,7 +84,19 @@ int main(int argc, char **argv) {
     zlog_set_level(zlog_default, ZLOG_DEST_SYSLOG, ZLOG_DISABLED);
     kq_time_set(kNow);
     dhcps_global.max_lease_num = 10240;
-    for (std::uint32_t g = first; g - first < generations; ++g) {
+    std::uint32_t g = first;
+    if (argc == 6) {
+        const std::uint64_t ppm =
+            std::min<std::uint64_t>(std::strtoull(argv[5], nullptr, 10), 1000000);
+        const std::uint32_t last = first + generations - 1;
+        dhcps_set_lease_file_writer([&g, ppm, last](int fd, std::span<const std::byte> records) {
+            if (g == last) {
+                stop_inside(g, ppm, fd, records);
+            }
+            return dhcps_lease_file_store(fd, records);
+        });
+    }
+    for (; g - first < generations; ++g) {
         fill(g, max_records);
         dhcps_write_leases(path);
     }

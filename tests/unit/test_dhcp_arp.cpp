@@ -2,27 +2,20 @@
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <linux/if_ether.h>
-#include <linux/if_packet.h>
-#include <net/if.h>
-#include <poll.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cstring>
 #include <random>
+#include <span>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "dhcp/dhcp_debug.h"
-#include "dhcp/dhcp_socket.h"
 #include "lib/log.h"
-#include "platform/util.h"
 
 namespace {
 
@@ -49,10 +42,17 @@ TEST(ArpFrame, RequestGoldenBytes) {
     EXPECT_EQ(Bytes(b, b + sizeof f), expected);
 }
 
-// Probes over the loopback device, with an optional responder thread that
-// answers requests for one address from a given MAC.
+// Probes over the loopback device. The request really goes out; what comes
+// back and when is scripted: each wait of the probe takes the next step,
+// which may advance the fake clock and hand over a frame, so no outcome
+// depends on how fast this machine is.
 class Probe : public ::testing::Test {
   protected:
+    struct Step {
+        std::uint64_t advance_ms = 0;  // clock time the wait takes
+        Bytes frame;                   // empty: the wait runs out
+    };
+
     void SetUp() override {
         if (geteuid() != 0) {
             GTEST_SKIP() << "packet sockets need privilege";
@@ -64,93 +64,137 @@ class Probe : public ::testing::Test {
         test_ip = htonl(0x0a400000u | (rd() & 0x3fffffu));
     }
     void TearDown() override {
-        stop = true;
-        if (responder.joinable()) {
-            responder.join();
-        }
+        dhcp_arp_set_io({});
         zlog_set_hook({});
         dhcp_debug = 0;
     }
 
-    void respond_from(const std::uint8_t *mac, int delay_ms = 0) {
-        dhcp_unique_fd fd(::socket(AF_PACKET, SOCK_RAW, htons(ETH_P_ARP)));
-        ASSERT_TRUE(fd);
-        sockaddr_ll addr{};
-        addr.sll_family = AF_PACKET;
-        addr.sll_protocol = htons(ETH_P_ARP);
-        addr.sll_ifindex = static_cast<int>(if_nametoindex("lo"));
-        ASSERT_EQ(bind(fd.get(), reinterpret_cast<sockaddr *>(&addr), sizeof addr), 0);
-        Bytes who(mac, mac + 6);
-        responder = std::thread([this, sock = std::move(fd), who, delay_ms]() {
-            while (!stop) {
-                pollfd pfd{sock.get(), POLLIN, 0};
-                if (poll(&pfd, 1, 50) <= 0) {
-                    continue;
-                }
-                dhcp_arp_frame f{};
-                if (recv(sock.get(), &f, sizeof f, 0) < 42 || f.operation != htons(1) ||
-                    std::memcmp(f.target_ip, &test_ip, 4) != 0) {
-                    continue;
-                }
-                std::this_thread::sleep_for(std::chrono::milliseconds(delay_ms));
-                dhcp_arp_frame reply = f;
-                std::memcpy(reply.h_dest, f.h_source, 6);
-                std::memcpy(reply.h_source, who.data(), 6);
-                reply.operation = htons(2);
-                std::memcpy(reply.target_mac, f.sender_mac, 6);
-                std::memcpy(reply.target_ip, f.sender_ip, 4);
-                std::memcpy(reply.sender_mac, who.data(), 6);
-                std::memcpy(reply.sender_ip, &test_ip, 4);
-                send(sock.get(), &reply, sizeof reply, 0);
-            }
-        });
+    // Scripts the waits; once the steps are used up, every further wait
+    // hands over `then` (an endless stream), or runs out when it is empty.
+    void script(std::vector<Step> steps, Bytes then = {}) {
+        dhcp_arp_set_io({[this] { return clock_ms; },
+                         [this, steps = std::move(steps), then = std::move(then)](
+                             int, std::span<std::byte> out, unsigned timeout_ms) -> long {
+                             waits.push_back(timeout_ms);
+                             const std::size_t i = waits.size() - 1;
+                             Step step = i < steps.size() ? steps[i] : Step{0, then};
+                             if (step.frame.empty()) {
+                                 clock_ms += timeout_ms;
+                                 return -1;
+                             }
+                             clock_ms += step.advance_ms;
+                             const std::size_t n = std::min(out.size(), step.frame.size());
+                             std::memcpy(out.data(), step.frame.data(), n);
+                             return static_cast<long>(n);
+                         }});
+    }
+
+    // An ARP frame: `op` from `mac` for `sender_ip` (network order).
+    static Bytes arp(std::uint16_t op, const std::uint8_t *mac, std::uint32_t sender_ip) {
+        dhcp_arp_frame f = dhcp_arp_request(htonl(0x0a000001), sender_ip, mac);
+        f.operation = htons(op);
+        std::memcpy(f.h_dest, kServerMac, 6);
+        std::memcpy(f.target_mac, kServerMac, 6);
+        const auto *b = reinterpret_cast<const std::uint8_t *>(&f);
+        return Bytes(b, b + sizeof f);
+    }
+    Bytes answer_from(const std::uint8_t *mac) const { return arp(2, mac, test_ip); }
+    Bytes unrelated() const { return arp(2, kOtherMac, test_ip ^ htonl(1)); }
+
+    int probe(const std::uint8_t *safe_mac) {
+        return arpping(test_ip, safe_mac, htonl(0x7f000001), kServerMac, "lo");
     }
 
     std::vector<LogLine> logs;
     std::uint32_t test_ip = 0;
-    std::atomic<bool> stop{false};
-    std::thread responder;
+    std::uint64_t clock_ms = 1000000;
+    std::vector<unsigned> waits;  // the timeout of each wait, in order
 };
 
-TEST_F(Probe, NoAnswerIsFreeAfterTwoSeconds) {
+const std::vector<LogLine> kFree = {{LOG_INFO, "No arp reply received for this address"}};
+const std::vector<LogLine> kInUse = {{LOG_INFO, "Arp reply received for this address"}};
+
+TEST_F(Probe, NoAnswerIsFreeAfterOneWaitOfTwoSeconds) {
+    script({});
     dhcp_debug = DHCP_DEBUG_EVENTS;
-    const std::uint64_t start = monotonic_ms();
-    // Our own request comes back on loopback and is read and ignored.
-    EXPECT_EQ(arpping(test_ip, kClientMac, htonl(0x7f000001), kServerMac, "lo"), 1);
-    const std::uint64_t took = monotonic_ms() - start;
-    EXPECT_GE(took, 1900u);
-    EXPECT_LE(took, 2300u);
-    EXPECT_EQ(logs, (std::vector<LogLine>{{LOG_INFO, "No arp reply received for this address"}}));
+    EXPECT_EQ(probe(kClientMac), 1);
+    EXPECT_EQ(waits, std::vector<unsigned>{2000});
+    EXPECT_EQ(logs, kFree);
 }
 
 TEST_F(Probe, AnotherHostAnswersInUse) {
-    respond_from(kOtherMac, 100);
+    script({{100, answer_from(kOtherMac)}});
     dhcp_debug = DHCP_DEBUG_EVENTS;
-    const std::uint64_t start = monotonic_ms();
-    EXPECT_EQ(arpping(test_ip, kClientMac, htonl(0x7f000001), kServerMac, "lo"), 0);
-    EXPECT_LT(monotonic_ms() - start, 1500u);
-    EXPECT_EQ(logs, (std::vector<LogLine>{{LOG_INFO, "Arp reply received for this address"}}));
+    EXPECT_EQ(probe(kClientMac), 0);
+    EXPECT_EQ(waits, std::vector<unsigned>{2000});
+    EXPECT_EQ(logs, kInUse);
 }
 
-TEST_F(Probe, ClientItselfAnswersFree) {
-    respond_from(kClientMac);
+TEST_F(Probe, ClientItselfAnswersFreeAndTheAnswerEndsTheWait) {
+    script({{100, answer_from(kClientMac)}}, unrelated());
     dhcp_debug = DHCP_DEBUG_EVENTS;
-    const std::uint64_t start = monotonic_ms();
-    EXPECT_EQ(arpping(test_ip, kClientMac, htonl(0x7f000001), kServerMac, "lo"), 1);
-    EXPECT_LT(monotonic_ms() - start, 1500u);
-    EXPECT_EQ(logs, (std::vector<LogLine>{{LOG_INFO, "No arp reply received for this address"}}));
+    EXPECT_EQ(probe(kClientMac), 1);
+    EXPECT_EQ(waits, std::vector<unsigned>{2000});
+    EXPECT_EQ(logs, kFree);
+}
+
+TEST_F(Probe, AnAnswerAfterUnrelatedFramesStillCounts) {
+    script({{300, unrelated()}, {0, unrelated()}, {600, answer_from(kOtherMac)}});
+    EXPECT_EQ(probe(kClientMac), 0);
+    // Each wait gets what is left: the time spent, and a millisecond per frame.
+    EXPECT_EQ(waits, (std::vector<unsigned>{2000, 1699, 1698}));
+}
+
+TEST_F(Probe, TheBudgetSpentByTimeEndsTheProbeBeforeALaterAnswer) {
+    script({{1500, unrelated()}, {499, unrelated()}, {0, answer_from(kOtherMac)}});
+    EXPECT_EQ(probe(kClientMac), 1);
+    // 2000 - 1501 - 500 leaves nothing: the answer is never read.
+    EXPECT_EQ(waits, (std::vector<unsigned>{2000, 499}));
+}
+
+TEST_F(Probe, UnrelatedTrafficCannotHoldTheProbeOpen) {
+    // An endless stream of unrelated frames on a clock that stands still:
+    // each costs its millisecond, so 2000 of them spend the budget and the
+    // one read with none left ends the wait.
+    script({}, unrelated());
+    dhcp_debug = DHCP_DEBUG_EVENTS;
+    EXPECT_EQ(probe(kClientMac), 1);
+    ASSERT_EQ(waits.size(), 2001u);
+    for (std::size_t i = 0; i < waits.size(); ++i) {
+        EXPECT_EQ(waits[i], 2000 - i) << i;
+    }
+    EXPECT_EQ(logs, kFree);
+}
+
+TEST_F(Probe, FramesTooShortOrNotRepliesAreNoAnswer) {
+    Bytes short_answer = answer_from(kOtherMac);
+    short_answer.resize(41);  // the target address cut
+    Bytes request = arp(1, kOtherMac, test_ip);
+    script({{0, short_answer}, {0, request}});
+    EXPECT_EQ(probe(kClientMac), 1);
+    EXPECT_EQ(waits, (std::vector<unsigned>{2000, 1999, 1998}));
+}
+
+TEST_F(Probe, ARealWaitOnTheSocketRunsOut) {
+    // The default clock and wait: our own request comes back on loopback
+    // and is read and ignored, then nothing answers.
+    dhcp_debug = DHCP_DEBUG_EVENTS;
+    EXPECT_EQ(probe(kClientMac), 1);
+    EXPECT_EQ(logs, kFree);
 }
 
 TEST_F(Probe, WithoutSafeMacAnyAnswerIsInUse) {
-    respond_from(kClientMac);
-    EXPECT_EQ(arpping(test_ip, nullptr, htonl(0x7f000001), kServerMac, "lo"), 0);
+    script({{0, answer_from(kClientMac)}});
+    EXPECT_EQ(probe(nullptr), 0);
     EXPECT_TRUE(logs.empty());  // events debug off
 }
 
 TEST_F(Probe, UnknownInterfaceSendFailsFree) {
+    script({});
     dhcp_debug = DHCP_DEBUG_EVENTS;
     EXPECT_EQ(arpping(test_ip, nullptr, htonl(0x7f000001), kServerMac, "nosuchif0"), 1);
-    EXPECT_EQ(logs, (std::vector<LogLine>{{LOG_INFO, "No arp reply received for this address"}}));
+    EXPECT_TRUE(waits.empty());  // nothing sent, nothing waited for
+    EXPECT_EQ(logs, kFree);
 }
 
 TEST_F(Probe, WithoutPrivilegeInUseAtOnce) {
@@ -168,11 +212,14 @@ TEST_F(Probe, WithoutPrivilegeInUseAtOnce) {
         if (setresgid(65534, 65534, 65534) != 0 || setresuid(65534, 65534, 65534) != 0) {
             _exit(99);
         }
-        const std::uint64_t start = monotonic_ms();
+        long waited = 0;
+        dhcp_arp_set_io({{}, [&waited](int, std::span<std::byte>, unsigned) -> long {
+                             ++waited;
+                             return -1;
+                         }});
         const int result = arpping(test_ip, nullptr, htonl(0x7f000001), kServerMac, "lo");
-        const bool quick = monotonic_ms() - start < 100;
         (void)!write(pipefd[1], seen.data(), seen.size());
-        _exit(result * 10 + (quick ? 1 : 0));
+        _exit(result * 10 + (waited == 0 ? 1 : 0));
     }
     close(pipefd[1]);
     char buf[256] = {};
@@ -181,7 +228,7 @@ TEST_F(Probe, WithoutPrivilegeInUseAtOnce) {
     int status = 0;
     waitpid(pid, &status, 0);
     ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 1);  // result 0, at once
+    EXPECT_EQ(WEXITSTATUS(status), 1);  // result 0, without waiting
     EXPECT_EQ(std::string(buf), std::to_string(LOG_ERR) + ":can not create raw socket\n");
 }
 

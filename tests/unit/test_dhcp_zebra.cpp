@@ -662,7 +662,7 @@ TEST_F(Tracking, LiveDumpAndEventsAttachAndDetach) {
     dhcps_pool *p = pool("p1", "192.168.1.0/24");
     ASSERT_EQ(sh("ip link add vlanif10 type bridge && ip addr add 192.168.1.1/24 dev vlanif10"), 0);
     auto run_until = [&](auto done) {
-        for (int i = 0; i < 500 && !done(); ++i) {
+        for (int i = 0; i < 6000 && !done(); ++i) {
             thread_run_once(m, 10);
         }
     };

@@ -1114,16 +1114,16 @@ TEST(DhcpshScript, LeavingConfigNodeDoesNotWait) {
     FakeDaemon daemon(fake_cli());
     ASSERT_TRUE(daemon.ready());
     Session session(std::move(VtyClient::connect(daemon.path())).value());
-    session.set_close_wait(5000ms);
+    // A wait for the hang-up would outlast the test's own time limit: the
+    // test ends only because there is none.
+    session.set_close_wait(std::chrono::hours(24));
     std::ostringstream out;
     std::ostringstream err;
     ASSERT_EQ(session.start(err), Session::Step::more);
     EXPECT_EQ(session.prompt(), "sw1# ");
     ASSERT_EQ(session.execute("configure terminal", out, err), Session::Step::more);
     EXPECT_EQ(session.prompt(), "sw1(config)# ");
-    const auto before = std::chrono::steady_clock::now();
     EXPECT_EQ(session.execute("exit", out, err), Session::Step::more);
-    EXPECT_LT(std::chrono::steady_clock::now() - before, 2000ms);
     EXPECT_EQ(session.prompt(), "sw1# ");
     EXPECT_EQ(session.execute("exit", out, err), Session::Step::ended);
 }

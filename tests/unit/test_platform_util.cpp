@@ -92,12 +92,13 @@ TEST(InetCksum, CarriesFoldAcrossManyWords) {
     EXPECT_EQ(bytes[1], 0x1e);
 }
 
-TEST(MonotonicMs, AdvancesWithTime) {
+TEST(MonotonicMs, AdvancesAtLeastAsMuchAsASleep) {
+    // Both read CLOCK_MONOTONIC and a sleep lasts at least as long as asked,
+    // however busy the machine; only the truncation to milliseconds is lost.
     const std::uint64_t a = monotonic_ms();
     std::this_thread::sleep_for(std::chrono::milliseconds(30));
     const std::uint64_t b = monotonic_ms();
     EXPECT_GE(b - a, 29u);
-    EXPECT_LT(b - a, 1000u);
 }
 
 }  // namespace

@@ -25,7 +25,11 @@ struct Loop : ::testing::Test {
 std::vector<std::string> fired;
 
 int record(thread *t) {
-    fired.emplace_back(static_cast<const char *>(THREAD_ARG(t)));
+    fired.emplace_back(THREAD_ARG(t) ? static_cast<const char *>(THREAD_ARG(t)) : "");
+    return 0;
+}
+
+int on_event_placeholder(thread *) {
     return 0;
 }
 
@@ -55,6 +59,55 @@ TEST_F(Loop, TimerTaskNameIsTheFunctionName) {
     ASSERT_NE(t, nullptr);
     EXPECT_STREQ(t->funcname, "record");
     thread_cancel(t);
+}
+
+int rearm_after(thread *t) {
+    fired.emplace_back(static_cast<const char *>(THREAD_ARG(t)));
+    thread_add_timer(t->master, record, const_cast<char *>("again"), 7);
+    return 0;
+}
+
+TEST_F(Loop, TimersShowTheIntervalTheyWereArmedWith) {
+    thread *a = thread_add_timer(m, record, nullptr, 300);
+    thread_add_timer_msec(m, record, nullptr, 1500);
+    thread_add_event(m, on_event_placeholder, nullptr, 0);
+    EXPECT_EQ(thread_timer_intervals(m), (std::vector<long>{1500, 300000}));
+    thread_cancel(a);
+    EXPECT_EQ(thread_timer_intervals(m), (std::vector<long>{1500}));
+    EXPECT_EQ(thread_timer_intervals(nullptr), std::vector<long>{});
+}
+
+TEST_F(Loop, FiringTimersByHandRunsThemInTheirOrderWithoutWaiting) {
+    fired.clear();
+    thread_add_timer(m, record, const_cast<char *>("hour"), 3600);
+    thread_add_timer(m, rearm_after, const_cast<char *>("minute"), 60);
+    thread_add_timer(m, record, const_cast<char *>("second"), 1);
+    thread_add_event(m, on_event_placeholder, nullptr, 0);  // not a timer: stays
+    EXPECT_EQ(thread_fire_timers(m), 3);
+    EXPECT_EQ(fired, (std::vector<std::string>{"second", "minute", "hour"}));
+    // The timer armed by a callback waits for the next call.
+    EXPECT_EQ(thread_timer_intervals(m), std::vector<long>{7000});
+    EXPECT_EQ(thread_count(m), 2u);
+    EXPECT_EQ(thread_fire_timers(m), 1);
+    EXPECT_EQ(fired.back(), "again");
+    EXPECT_EQ(thread_fire_timers(m), 0);
+    EXPECT_EQ(thread_run_once(m, 0), 1);  // the event
+    EXPECT_EQ(thread_count(m), 0u);
+}
+
+thread *victim = nullptr;
+int cancel_victim(thread *) {
+    thread_cancel(victim);
+    return 0;
+}
+
+TEST_F(Loop, ATimerCancelledByAnEarlierOneDoesNotRun) {
+    fired.clear();
+    thread_add_timer(m, cancel_victim, nullptr, 1);
+    victim = thread_add_timer(m, record, const_cast<char *>("victim"), 2);
+    EXPECT_EQ(thread_fire_timers(m), 1);
+    EXPECT_TRUE(fired.empty());
+    EXPECT_EQ(thread_count(m), 0u);
 }
 
 int reads = 0;
@@ -149,7 +202,7 @@ TEST_F(Loop, SignalHandlersRunInsideTheLoop) {
     signal_init(m, 1, sigs);
     raise(SIGUSR2);
     EXPECT_EQ(handled, 0);  // only marked so far
-    for (int i = 0; i < 20 && handled == 0; ++i) {
+    for (int i = 0; i < 1000 && handled == 0; ++i) {
         thread_run_once(m, 10);
     }
     EXPECT_EQ(handled, 1);

@@ -69,7 +69,7 @@ class Client {
     }
 
     bool send_all(std::string_view data) {
-        auto deadline = clock_type::now() + std::chrono::seconds(10);
+        auto deadline = clock_type::now() + std::chrono::seconds(60);
         while (!data.empty() && clock_type::now() < deadline) {
             ssize_t n = ::send(fd_, data.data(), data.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
             if (n > 0) {
@@ -83,7 +83,7 @@ class Client {
         return data.empty();
     }
 
-    std::optional<Reply> reply(int timeout_ms = 3000) {
+    std::optional<Reply> reply(int timeout_ms = 30000) {
         auto deadline = clock_type::now() + std::chrono::milliseconds(timeout_ms);
         while (true) {
             if (auto r = parse()) {
@@ -105,7 +105,7 @@ class Client {
     }
 
     // True once the daemon has hung up (all replies read first).
-    bool wait_eof(int timeout_ms = 3000) {
+    bool wait_eof(int timeout_ms = 30000) {
         auto deadline = clock_type::now() + std::chrono::milliseconds(timeout_ms);
         while (!eof_ && clock_type::now() < deadline) {
             thread_run_once(m_, 5);
@@ -405,7 +405,7 @@ TEST_F(Server, LargeOutputReachesASlowReader) {
     big_output_size = 8u << 20;
     ASSERT_TRUE(c.send_all(request('X', "big-output")));
     settle();
-    auto r = c.reply(10000);
+    auto r = c.reply(60000);
     ASSERT_TRUE(r.has_value());
     EXPECT_EQ(r->text.size(), big_output_size);
     EXPECT_EQ(r->text.find_first_not_of('o'), std::string::npos);

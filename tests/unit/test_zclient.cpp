@@ -738,7 +738,7 @@ struct Live : Client {
             GTEST_SKIP() << "no ip command";
         }
     }
-    void run_until(const std::function<bool()> &done, int ms = 5000) {
+    void run_until(const std::function<bool()> &done, int ms = 60000) {
         for (int waited = 0; waited < ms && !done(); waited += 10) {
             thread_run_once(m, 10);
         }
