@@ -21,6 +21,7 @@ import time
 import pytest
 from scapy.all import BOOTP, DHCP, IP, TCP, UDP, Dot1AD, Dot1Q, Ether, IPOption_NOP, Raw
 
+import sanitizer
 from conftest import Netns, Switch, run
 from msgutil import in_netns, tool
 
@@ -95,8 +96,8 @@ class Probe:
         return out
 
     def stop(self):
-        """Ends the probe; its exit status (a sanitizer's report makes it
-        non-zero)."""
+        """Ends the probe; its exit status. What it wrote after the last
+        line read is scanned: a sanitizer report fails the test."""
         if self.proc.poll() is None:
             try:
                 self.proc.stdin.write("quit\n")
@@ -105,6 +106,8 @@ class Probe:
             except (BrokenPipeError, subprocess.TimeoutExpired):
                 self.proc.kill()
                 self.proc.wait()
+        rest = self.proc.stdout.read() if self.proc.stdout else ""
+        sanitizer.check_outcome("trap_probe", self.proc.returncode, rest, expected=None)
         return self.proc.returncode
 
 
