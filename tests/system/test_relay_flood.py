@@ -303,7 +303,7 @@ def ask_during(vty, flood, part, answers, stop):
 
 
 def test_flood_of_unanswered_requests(net, daemons, tmp_path):
-    relay_sw, _, generator, client, sink = net
+    _, _, generator, client, sink = net
     relay, server = daemons
     flood = Flood(generator, sink)
     report = []
@@ -345,13 +345,15 @@ def test_flood_of_unanswered_requests(net, daemons, tmp_path):
         assert relay.log().count(FULL_LINE) == 1
 
         assert answers, "the CLI never answered"
-        assert all((text, code) == (show_relay(SINK_IP), 0) for text, code, _ in answers), answers
+        expected = (show_relay(SINK_IP), 0)
+        assert all((text, code) == expected for text, code, _ in answers), answers
         # The first answer came while the flood was still being handled.
         assert answers[0][2] < rest, answers[0]
 
-        report.append(f"relay-flood: {FLOOD} requests in {elapsed:.1f} s (relay CPU {cpu:.1f} s), "
-                      f"RSS before {rss0 >> 10} KiB, after {FIRST} {rss1 >> 10} KiB, "
-                      f"after {FLOOD} {rss2 >> 10} KiB, {len(answers)} CLI answers during")
+        report.append(f"relay-flood: {FLOOD} requests in {elapsed:.1f} s "
+                      f"(relay CPU {cpu:.1f} s), RSS before {rss0 >> 10} KiB, "
+                      f"after {FIRST} {rss1 >> 10} KiB, after {FLOOD} {rss2 >> 10} KiB, "
+                      f"{len(answers)} CLI answers during")
         # The list at its cap costs at most what its items do...
         assert rss1 - rss0 <= CAP * ITEM_BYTES + SLACK, report
         # ...and requests past the cap cost nothing more.
@@ -378,4 +380,8 @@ def test_flood_of_unanswered_requests(net, daemons, tmp_path):
     assert bound[0].endswith(f" router={RELAY_IP}"), bound
     ip = bound[0].split()[1][3:]
     assert 100 <= int(ip.split(".")[3]) <= 199
+    mac = client.ip("-br", "link", "show", "eth0").stdout.split()[2].replace(":", "-")
+    table = server.sh("show dhcp-server lease").stdout.splitlines()
+    assert table[-1] == "Total: 1 leases match.", table
+    assert [row.split()[:2] for row in table[1:-1] if row.strip()] == [[ip, mac]], table
     assert relay.log().count(FULL_LINE) == 1
