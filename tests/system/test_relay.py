@@ -23,7 +23,7 @@ import time
 import pytest
 from scapy.all import BOOTP, DHCP, IP, TCP, UDP, Dot1Q, Ether, IPOption_NOP
 
-from conftest import Daemon, Switch, run, wait_until
+from conftest import Daemon, Switch, run, stop_all, wait_until
 from msgutil import in_netns
 
 RELAY_IP = "192.168.10.1"
@@ -68,13 +68,15 @@ class Lab:
         return out[2]
 
     def delete(self):
-        for p in self.peers:
-            stop(p)
-        for d in (self.relay, self.server):
-            if d is not None:
-                d.stop()
-        self.relay_sw.delete()
-        self.server_sw.delete()
+        """Stops everything (each daemon's ending is checked) and removes
+        both switches whatever the checks say."""
+        try:
+            for p in self.peers:
+                stop(p)
+            stop_all([d for d in (self.relay, self.server) if d is not None])
+        finally:
+            self.relay_sw.delete()
+            self.server_sw.delete()
 
 
 def configure(d, *commands, out=""):
@@ -141,7 +143,7 @@ class Wire:
     def send(self, frame):
         self.sock.send(bytes(frame))
 
-    def next_udp(self, port, timeout=10):
+    def next_udp(self, port, timeout=30):
         """The next arriving UDP frame to `port`."""
         end = time.monotonic() + timeout
         while True:
