@@ -493,6 +493,7 @@ struct udp_view {
     const std::uint8_t *payload;  // the DHCP payload
     long len;                     // its length (checked by the caller)
     std::uint16_t dport;          // 67 or 68
+    std::uint32_t dst_nip;        // IPv4 destination, network order
 };
 
 std::uint16_t load_be16(const std::uint8_t *p) {
@@ -550,7 +551,33 @@ int decode_frame(std::uint8_t *frame, std::size_t frame_len, udp_view &out) {
         return -1;
     }
     out.payload = ip + ip_hlen + UDP_HLEN;
+    std::memcpy(&out.dst_nip, ip + 16, sizeof out.dst_nip);
     return 0;
+}
+
+// Whether `nip` is one of the switch's own IPv4 addresses.
+bool own_address(std::uint32_t nip) {
+    for (const interface *ifp : vrf_iflist(VRF_DEFAULT)) {
+        DHCPR_ASSERT_DATA(ifp != nullptr, NODE_DATA_TEXT);
+        for (const auto &c : ifp->connected) {
+            DHCPR_ASSERT_DATA(c != nullptr, ADDRNODE_DATA_TEXT);
+            if (c->address && c->address->family == AF_INET &&
+                c->address->u.prefix4.s_addr == nip) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+// A server's reply: every frame to port 68; with the server reply port at
+// 67 also a BOOTREPLY to port 67 addressed to the switch itself.
+bool is_server_reply(const udp_view &u, const dhcp_packet &packet) {
+    if (u.dport == DHCP_CLIENT_PORT) {
+        return true;
+    }
+    return dhcpr_state.server_reply_port == DHCPR_REPLY_PORT_RFC && packet.op == BOOTREPLY &&
+           own_address(u.dst_nip);
 }
 
 }  // namespace
@@ -567,6 +594,7 @@ void dhcpr_init(thread_master *m) {
     dhcpr_state.client_read = nullptr;
     dhcpr_state.server_read = nullptr;
     dhcpr_state.netlink_read = nullptr;
+    dhcpr_state.server_reply_port = DHCPR_REPLY_PORT_DEFAULT;
     dhcp_zebra_relay_teardown = dhcpr_if_teardown;
 }
 
@@ -590,6 +618,23 @@ int dhcpr_enable_set(std::uint32_t on) {
 
 std::uint32_t dhcpr_enable_get() {
     return dhcpr_state.enable;
+}
+
+int dhcpr_reply_port_set(std::uint16_t port) {
+    if (port != DHCPR_REPLY_PORT_DEFAULT && port != DHCPR_REPLY_PORT_RFC) {
+        return -4;
+    }
+    dhcpr_state.server_reply_port = port;
+    return 0;
+}
+
+std::uint16_t dhcpr_reply_port_get() {
+    return dhcpr_state.server_reply_port;
+}
+
+int dhcpr_request_socket() {
+    return dhcpr_state.server_reply_port == DHCPR_REPLY_PORT_RFC ? dhcpr_state.client_sock.get()
+                                                                 : dhcpr_state.server_sock.get();
 }
 
 int dhcpr_recv_client(thread *t) {
@@ -871,7 +916,7 @@ int dhcpr_relay_request(dhcp_packet &packet, int len, std::uint32_t port, std::u
     }
     // The datagram is exactly as long as the payload that came: an option 82
     // that runs past it is cut off on the wire. Kept so.
-    dhcpr_pass_to_server(packet, len, gateway, dhcpr_state.server_sock.get(), r->ifp, &r->server);
+    dhcpr_pass_to_server(packet, len, gateway, dhcpr_request_socket(), r->ifp, &r->server);
     return 0;
 }
 
@@ -890,7 +935,8 @@ int dhcpr_pass_to_server(dhcp_packet &packet, int len, std::uint32_t gateway_nip
     if ((packet.flags & htons(DHCP_BROADCAST_FLAG)) != 0) {
         packet.flags = 0;
     }
-    // Requests leave from the port-68 socket. Kept so.
+    // Requests leave from the port-68 socket unless the server reply port
+    // is 67. Kept so.
     const auto *bytes = reinterpret_cast<const std::uint8_t *>(&packet);
     errno = 0;
     const ssize_t sent = server_sender(sock, {bytes, static_cast<std::size_t>(len)}, server->sin);
@@ -982,7 +1028,7 @@ int dhcpr_netlink_msg(std::uint32_t type, std::uint8_t *msg, std::uint32_t frame
     dhcp_packet packet{};
     std::memcpy(&packet, u.payload, static_cast<std::size_t>(u.len));
     const int len = static_cast<int>(u.len);
-    if (u.dport == DHCP_CLIENT_PORT) {
+    if (is_server_reply(u, packet)) {
         dhcpr_relay_reply(packet, len, hdr.port);
         return 0;
     }
@@ -1007,6 +1053,7 @@ void dhcpr_reset() {
     dhcpr_state.enable = 0;
     dhcpr_state.client_sock.reset();
     dhcpr_state.server_sock.reset();
+    dhcpr_state.server_reply_port = DHCPR_REPLY_PORT_DEFAULT;
     dhcpr_item_clear();
     for (interface *ifp : vrf_iflist(VRF_DEFAULT)) {
         dhcpr_if_teardown(ifp);

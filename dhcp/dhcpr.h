@@ -8,6 +8,10 @@
 //   Its two UDP sockets (ports 67 and 68) exist while it is on only to hold
 //   the ports and keep the kernel's queues drained; requests are sent to the
 //   remote servers from the port-68 socket.
+// - The server reply port (68 by default) says where servers answer: with
+//   67, a trapped BOOTREPLY to port 67 addressed to one of the switch's own
+//   IPv4 addresses takes the reply path as well, and requests leave from the
+//   port-67 socket, as RFC 2131 relays do. With 68 nothing changes.
 // - An interface's `info` slot points at the relay's binding (dhcpr_if_info,
 //   kind 1) while a remote server is configured on it. The relay owns its
 //   bindings (so they never outlive it) and each binding owns its record.
@@ -46,6 +50,10 @@ constexpr std::uint32_t DHCPR_OPT82_REPLACE = 2;
 // Sub-option contents.
 constexpr std::uint32_t DHCPR_SUBMODE_STRING = 0;
 constexpr std::uint32_t DHCPR_SUBMODE_NORMAL = 1;
+
+// Where servers' replies are taken from and requests leave from.
+constexpr std::uint16_t DHCPR_REPLY_PORT_DEFAULT = 68;
+constexpr std::uint16_t DHCPR_REPLY_PORT_RFC = 67;
 
 constexpr std::size_t DHCPR_ID_SIZE = 32;  // circuit-id / remote-id fields
 constexpr std::uint8_t DHCPR_MAX_HOPS = 8;
@@ -89,6 +97,7 @@ struct dhcpr_global_state {
     thread *client_read = nullptr;
     thread *server_read = nullptr;
     thread *netlink_read = nullptr;
+    std::uint16_t server_reply_port = DHCPR_REPLY_PORT_DEFAULT;  // 67 or 68
 };
 extern dhcpr_global_state dhcpr_state;
 
@@ -114,6 +123,14 @@ void dhcpr_init(thread_master *m);
 // Turns the relay on (1) or off (0); see dhcpr.cpp for the exact steps.
 int dhcpr_enable_set(std::uint32_t on);
 std::uint32_t dhcpr_enable_get();
+// The server reply port: 0, or -4 (nothing changed) for a port other than
+// 67 and 68. Takes effect with the next frame, whether the relay is on or
+// off.
+int dhcpr_reply_port_set(std::uint16_t port);
+std::uint16_t dhcpr_reply_port_get();
+// The socket relayed requests leave from: the port-68 one, or the port-67
+// one when the server reply port is 67.
+int dhcpr_request_socket();
 // Read tasks: drain one datagram; read one trapped frame. Re-arm themselves.
 int dhcpr_recv_client(thread *t);
 int dhcpr_recv_server(thread *t);

@@ -2,6 +2,7 @@
 #include "dhcp/dhcpr_vty.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "dhcp/dhcpr.h"
 #include "lib/command.h"
@@ -157,6 +158,15 @@ DEFUN(dhcp_relay_enable, dhcp_relay_enable_cmd, "dhcp-relay (enable|disable)",
     return CMD_SUCCESS;
 }
 
+DEFUN(dhcp_relay_server_reply_port, dhcp_relay_server_reply_port_cmd,
+      "dhcp-relay server-reply-port (67|68)",
+      "Configure dhcp relay\n"
+      "UDP port of DHCP Server's replies(and of relayed requests)\n"
+      "Port 67(as RFC 2131 DHCP Servers reply to a relay)\n"
+      "Port 68(default)\n") {
+    return dhcpr_server_reply_port_set(vty, argc >= 1 ? argv[0] : nullptr);
+}
+
 DEFUN(dhcp_relay_remote_server, dhcp_relay_remote_server_cmd, "dhcp-relay remote-server A.B.C.D",
       RELAY_STR REMOTE_SERVER_STR "Specify the IP Address\n") {
     return dhcpr_remote_server_set(vty, current_interface(vty), argc >= 1 ? argv[0] : nullptr);
@@ -235,6 +245,7 @@ void dhcpr_vty_init() {
     install_node(&dhcpr_node, dhcpr_config_write);
     install_default(DHCPR_NODE);
     install_element(CONFIG_NODE, &dhcp_relay_enable_cmd);
+    install_element(CONFIG_NODE, &dhcp_relay_server_reply_port_cmd);
     for (cmd_element *cmd : interface_cmds) {
         install_element(INTERFACE_NODE, cmd);
     }
@@ -280,9 +291,28 @@ int dhcpr_remote_server_unset(vty *vty, interface *ifp) {
     return CMD_ERR_NOTHING_TODO;
 }
 
+int dhcpr_server_reply_port_set(vty *vty, const char *port) {
+    if (port == nullptr) {
+        return CMD_WARNING;
+    }
+    const std::uint16_t value = std::strcmp(port, "67") == 0   ? DHCPR_REPLY_PORT_RFC
+                                : std::strcmp(port, "68") == 0 ? DHCPR_REPLY_PORT_DEFAULT
+                                                               : 0;
+    if (dhcpr_reply_port_set(value) != 0) {
+        vty_out(vty, "%% Invalid server reply port %s, 67 or 68 expected%s", port, VTY_NEWLINE);
+        return CMD_ERR_NOTHING_TODO;
+    }
+    return CMD_SUCCESS;
+}
+
+// The global lines come first; the reply port only when it is not 68.
 int dhcpr_config_write(vty *vty) {
     if (dhcpr_enable_get() != 0) {
         vty_out(vty, "dhcp-relay enable%s", VTY_NEWLINE);
+    }
+    if (dhcpr_reply_port_get() != DHCPR_REPLY_PORT_DEFAULT) {
+        vty_out(vty, "dhcp-relay server-reply-port %d%s", static_cast<int>(dhcpr_reply_port_get()),
+                VTY_NEWLINE);
     }
     for_each_relay([vty](const interface &ifp, const dhcpr_if &r) { write_one(vty, ifp, r); });
     return 0;

@@ -1,4 +1,5 @@
-// The relay's operator commands: "dhcp-relay (enable|disable)", the eight
+// The relay's operator commands: "dhcp-relay (enable|disable)",
+// "dhcp-relay server-reply-port (67|68)", the eight
 // interface commands (remote server and option 82), "show dhcp-relay" and
 // the relay's part of the running configuration.
 //
@@ -21,6 +22,10 @@ void dhcpr_vty_init();
 // "dhcp-relay remote-server A.B.C.D" and "no dhcp-relay remote-server".
 int dhcpr_remote_server_set(vty *vty, interface *ifp, const char *address);
 int dhcpr_remote_server_unset(vty *vty, interface *ifp);
+// "dhcp-relay server-reply-port (67|68)": the port as text, "67" or "68".
+// CMD_WARNING without an argument; any other text is refused
+// (CMD_ERR_NOTHING_TODO, message printed) and changes nothing.
+int dhcpr_server_reply_port_set(vty *vty, const char *port);
 
 // Writer of node 82. Returns 0.
 int dhcpr_config_write(vty *vty);

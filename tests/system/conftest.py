@@ -229,6 +229,15 @@ class Switch:
         self.hosts[number] = host
         return host
 
+    def link(self, number, vid, peer, peer_number, peer_vid):
+        """Joins port swp<number> (in vlanif<vid>) to port swp<peer_number>
+        of switch `peer` (in its vlanif<peer_vid>): one cable between two
+        switches."""
+        run(["ip", "link", "add", f"swp{number}", "netns", self.ns.name, "type", "veth",
+             "peer", "name", f"swp{peer_number}", "netns", peer.ns.name])
+        self.ns.ip("link", "set", f"swp{number}", "master", f"vlanif{vid}", "up")
+        peer.ns.ip("link", "set", f"swp{peer_number}", "master", f"vlanif{peer_vid}", "up")
+
     def delete(self):
         for h in self.hosts.values():
             h.delete()

@@ -190,6 +190,7 @@ struct Trap {
     std::uint16_t sport = 68;
     std::uint16_t dport = 67;
     std::uint32_t type = HAL_MSG_TRAPPED_FRAME;
+    const char *dst = "255.255.255.255";  // IPv4 destination
 };
 
 void put16(Bytes &b, std::uint16_t v) {
@@ -216,7 +217,10 @@ Bytes frame_of(const Trap &t, const Bytes &payload) {
     f.push_back(64);
     f.push_back(t.protocol);
     put16(f, 0);
-    f.insert(f.end(), {0, 0, 0, 0, 255, 255, 255, 255});
+    f.insert(f.end(), {0, 0, 0, 0});
+    const std::uint32_t dst = nip(t.dst);
+    const auto *d = reinterpret_cast<const std::uint8_t *>(&dst);
+    f.insert(f.end(), d, d + 4);
     for (int i = 0; i < t.ip_option_words * 4; ++i) {
         f.push_back(1);  // NOP
     }
@@ -245,13 +249,19 @@ int request(const Msg &m, Trap t = {}) {
     return deliver(t, m.payload());
 }
 
-int reply(const Msg &m) {
+// A server's reply as it comes up the uplink: to `dst`, UDP port `dport`.
+Trap from_server(const char *dst = "192.168.10.1", std::uint16_t dport = 68) {
     Trap t;
     t.port = UPLINK_PORT_NUM;
     t.vlan = 20;
     t.sport = 67;
-    t.dport = 68;
-    return deliver(t, m.payload());
+    t.dport = dport;
+    t.dst = dst;
+    return t;
+}
+
+int reply(const Msg &m) {
+    return deliver(from_server(), m.payload());
 }
 
 // What the relay should send for `m`: the same bytes with hops, giaddr,
@@ -922,6 +932,133 @@ TEST_F(Relay, UntrustedPortsRepliesAreDroppedWithSnoopingOn) {
     dhcpsnoop_if_untrust_set(UPLINK_PORT_NUM, 0);
     EXPECT_EQ(reply(offer()), 0);
     EXPECT_EQ(to_client.size(), 1u);
+    dhcpsnoop_enable_set(0);
+}
+
+// ===========================================================================
+// The server reply port.
+
+Bytes sent_payload(const ClientSend &c, std::size_t len) {
+    const auto *b = reinterpret_cast<const std::uint8_t *>(&c.packet);
+    return Bytes(b, b + len);
+}
+
+TEST_F(Relay, ServerReplyPortIs68UnlessSetTo67) {
+    EXPECT_EQ(dhcpr_reply_port_get(), 68);
+    EXPECT_EQ(dhcpr_reply_port_set(67), 0);
+    EXPECT_EQ(dhcpr_reply_port_get(), 67);
+    for (std::uint16_t bad : std::initializer_list<std::uint16_t>{0, 66, 69, 546, 65535}) {
+        EXPECT_EQ(dhcpr_reply_port_set(bad), -4) << bad;
+        EXPECT_EQ(dhcpr_reply_port_get(), 67) << bad;
+    }
+    EXPECT_EQ(dhcpr_reply_port_set(68), 0);
+    EXPECT_EQ(dhcpr_reply_port_get(), 68);
+    EXPECT_EQ(dhcpr_reply_port_set(67), 0);
+    dhcpr_init(master);
+    EXPECT_EQ(dhcpr_reply_port_get(), 68);
+}
+
+// With 68, a server's reply to port 67 is a request, as ever: the uplink's
+// VLAN has no relay record, so it goes nowhere and the item stays.
+TEST_F(Relay, WithPort68AReplyToPort67IsTakenAsARequest) {
+    ASSERT_GT(dhcpr_enable_set(1), 0);
+    ASSERT_EQ(request(discover()), 0);
+    ASSERT_EQ(to_server.size(), 1u);
+    EXPECT_EQ(to_server[0].sock, dhcpr_state.server_sock.get());
+    log.clear();
+    EXPECT_EQ(deliver(from_server("192.168.10.1", 67), offer().payload()), -1);
+    EXPECT_TRUE(to_client.empty());
+    EXPECT_EQ(to_server.size(), 1u);
+    EXPECT_NE(dhcpr_item_find(htonl(0x1234)), nullptr);
+    EXPECT_EQ(log, std::vector<std::string>{"dhcpr_get_if_relay fail!"});
+}
+
+TEST_F(Relay, WithPort67RequestsLeaveFromThePort67Socket) {
+    ASSERT_GT(dhcpr_enable_set(1), 0);
+    ASSERT_EQ(dhcpr_reply_port_set(67), 0);
+    EXPECT_EQ(dhcpr_request_socket(), dhcpr_state.client_sock.get());
+    ASSERT_EQ(request(discover().flags(0x8000)), 0);
+    ASSERT_EQ(to_server.size(), 1u);
+    EXPECT_EQ(to_server[0].sock, dhcpr_state.client_sock.get());
+    EXPECT_NE(to_server[0].sock, dhcpr_state.server_sock.get());
+    EXPECT_EQ(to_server[0].to.sin_addr.s_addr, nip("10.0.20.2"));
+    EXPECT_EQ(to_server[0].to.sin_port, htons(67));
+    // The datagram itself is the same as with 68.
+    EXPECT_EQ(to_server[0].bytes, forwarded(discover(), 1, "192.168.10.1", 0, DISCOVER_END));
+    ASSERT_EQ(dhcpr_reply_port_set(68), 0);
+    EXPECT_EQ(dhcpr_request_socket(), dhcpr_state.server_sock.get());
+}
+
+// A BOOTREPLY to port 67 addressed to any of the switch's own addresses is
+// delivered exactly as the same reply to port 68 would be.
+TEST_F(Relay, WithPort67ABootreplyToTheSwitchTakesTheReplyPath) {
+    ASSERT_EQ(dhcpr_reply_port_set(67), 0);
+    std::uint32_t xid = 0x700;
+    for (const char *dst : {"192.168.10.1", "10.0.20.1"}) {
+        for (std::uint16_t dport : std::initializer_list<std::uint16_t>{67, 68}) {
+            ++xid;
+            to_client.clear();
+            ASSERT_EQ(request(discover(xid).flags(0x8000)), 0);
+            log.clear();
+            EXPECT_EQ(deliver(from_server(dst, dport), offer(xid).payload()), 0) << dst;
+            ASSERT_EQ(to_client.size(), 1u) << dst << " " << dport;
+            const ClientSend &c = to_client[0];
+            EXPECT_EQ(c.src, nip("10.0.20.2"));
+            EXPECT_EQ(c.sport, 67);
+            EXPECT_EQ(c.dst, 0u);
+            EXPECT_EQ(c.dport, 68);
+            EXPECT_EQ(c.mac, (std::array<std::uint8_t, 6>{0x00, 0x11, 0x22, 0x33, 0x44, 0x55}));
+            EXPECT_EQ(c.ifindex, 5);
+            EXPECT_EQ(c.size, 300 + 28);
+            Msg want = offer(xid);
+            want.p.flags = htons(0x8000);
+            EXPECT_EQ(sent_payload(c, 300), want.payload());
+            EXPECT_EQ(dhcpr_item_find(htonl(xid)), nullptr);
+            EXPECT_TRUE(log.empty());
+        }
+    }
+}
+
+// Anything else to port 67 stays a request: a BOOTREPLY to an address that
+// is not the switch's, or a BOOTREQUEST to the switch.
+TEST_F(Relay, WithPort67OtherFramesToPort67StayRequests) {
+    ASSERT_EQ(dhcpr_reply_port_set(67), 0);
+    ASSERT_EQ(request(discover()), 0);
+    struct Case {
+        const char *dst;
+        std::uint8_t op;
+    };
+    const Case cases[] = {
+        {"255.255.255.255", BOOTREPLY}, {"10.0.20.2", BOOTREPLY},
+        {"192.168.10.255", BOOTREPLY},  {"0.0.0.0", BOOTREPLY},
+        {"192.168.10.1", BOOTREQUEST},
+    };
+    for (const Case &c : cases) {
+        Msg o = offer();
+        o.p.op = c.op;
+        log.clear();
+        // Taken as a request on the uplink's VLAN, which has no record.
+        EXPECT_EQ(deliver(from_server(c.dst, 67), o.payload()), -1) << c.dst;
+        EXPECT_EQ(log, std::vector<std::string>{"dhcpr_get_if_relay fail!"}) << c.dst;
+        EXPECT_TRUE(to_client.empty()) << c.dst;
+        EXPECT_NE(dhcpr_item_find(htonl(0x1234)), nullptr) << c.dst;
+    }
+}
+
+// Snooping trust applies to replies taken at port 67 as well.
+TEST_F(Relay, WithPort67AnUntrustedPortsReplyIsDropped) {
+    dhcpsnoop_enable_set(1);
+    dhcpsnoop_if_untrust_set(UPLINK_PORT_NUM, 1);
+    if (dhcpsnoop_enable_get() != 1) {
+        dhcpsnoop_if_untrust_set(UPLINK_PORT_NUM, 0);
+        GTEST_SKIP() << "this platform build carries no snooping state";
+    }
+    ASSERT_EQ(dhcpr_reply_port_set(67), 0);
+    ASSERT_EQ(request(discover()), 0);
+    EXPECT_EQ(deliver(from_server("192.168.10.1", 67), offer().payload()), 0);
+    EXPECT_TRUE(to_client.empty());
+    EXPECT_NE(dhcpr_item_find(htonl(0x1234)), nullptr);
+    dhcpsnoop_if_untrust_set(UPLINK_PORT_NUM, 0);
     dhcpsnoop_enable_set(0);
 }
 

@@ -416,14 +416,20 @@ TEST_F(RelayCli, CommandsInTheirNodesAndOrder) {
                                   "dhcp-relay information circuit-id (string) STRING",
                                   "dhcp-relay information remote-id (normal)",
                                   "dhcp-relay information remote-id (string) STRING"}));
-    EXPECT_EQ(relay_commands(CONFIG_NODE),
-              (std::vector<std::string>{"dhcp-relay (enable|disable)", "show dhcp-relay"}));
+    EXPECT_EQ(
+        relay_commands(CONFIG_NODE),
+        (std::vector<std::string>{"dhcp-relay (enable|disable)",
+                                  "dhcp-relay server-reply-port (67|68)", "show dhcp-relay"}));
     EXPECT_EQ(relay_commands(ENABLE_NODE), std::vector<std::string>{"show dhcp-relay"});
     std::vector<std::string> node82 = cmd_list_node(DHCPR_NODE);
     ASSERT_FALSE(node82.empty());
     EXPECT_EQ(node82.back(), "show dhcp-relay");
     EXPECT_NE(std::find(node82.begin(), node82.end(), "exit"), node82.end());
 }
+
+constexpr const char *REPLY_PORT_HELP =
+    "UDP port of DHCP Server's replies(and of relayed requests)";
+constexpr const char *REPLY_PORT_67_HELP = "Port 67(as RFC 2131 DHCP Servers reply to a relay)";
 
 struct Word {
     const char *typed;
@@ -440,6 +446,7 @@ std::vector<HelpCase> help_cases() {
     const Word relay = {"dhcp-relay", "dhcp-relay", "Configure dhcp-relay"};
     const Word relay_global = {"dhcp-relay", "dhcp-relay", "Configure dhcp relay"};
     const Word no = {"no", "no", "Negate a command or set its defaults"};
+    const Word reply_port = {"server-reply-port", "server-reply-port", REPLY_PORT_HELP};
     const Word server = {"remote-server", "remote-server",
                          "Remote DHCP Server(Relay it's DHCP packets)"};
     const Word info = {"information", "information", "DHCP Relay Option-82 Configuration"};
@@ -448,6 +455,8 @@ std::vector<HelpCase> help_cases() {
     std::vector<HelpCase> cases = {
         {CONFIG_NODE, {relay_global, {"enable", "enable", "Enable dhcp-relay"}}},
         {CONFIG_NODE, {relay_global, {"disable", "disable", "Disable dhcp-relay"}}},
+        {CONFIG_NODE, {relay_global, reply_port, {"67", "67", REPLY_PORT_67_HELP}}},
+        {CONFIG_NODE, {relay_global, reply_port, {"68", "68", "Port 68(default)"}}},
         {INTERFACE_NODE, {relay, server, {"10.0.0.1", "A.B.C.D", "Specify the IP Address"}}},
         {INTERFACE_NODE, {no, relay, server}},
         {INTERFACE_NODE, {relay, info, {"enable", "enable", "Enable Option-82"}}},
@@ -531,6 +540,93 @@ TEST_F(RelayCli, ChoiceWordsAreOfferedWithTheirHelp) {
               "string=Fill Circuit ID sub-option with specified string");
     auto words = cmd_complete_command("dhcp-relay information re", v.get(), &status);
     EXPECT_EQ(words, std::vector<std::string>{"remote-id"});
+}
+
+// ---- the server reply port ----
+
+TEST_F(RelayCli, ServerReplyPortIsOfferedAndCompleted) {
+    run("configure terminal");
+    int status = -1;
+    auto got = cmd_describe_command("dhcp-relay ", v.get(), &status);
+    std::vector<std::string> words;
+    for (const cmd_description &d : got) {
+        words.push_back(d.word + "=" + d.help);
+    }
+    EXPECT_EQ(words,
+              (std::vector<std::string>{"disable=Disable dhcp-relay", "enable=Enable dhcp-relay",
+                                        std::string("server-reply-port=") + REPLY_PORT_HELP}));
+    got = cmd_describe_command("dhcp-relay server-reply-port ", v.get(), &status);
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].word + "=" + got[0].help, std::string("67=") + REPLY_PORT_67_HELP);
+    EXPECT_EQ(got[1].word + "=" + got[1].help, "68=Port 68(default)");
+    EXPECT_EQ(cmd_complete_command("dhcp-relay s", v.get(), &status),
+              std::vector<std::string>{"server-reply-port"});
+    EXPECT_EQ(cmd_complete_command("dhcp-relay server-reply-port 6", v.get(), &status),
+              (std::vector<std::string>{"67", "68"}));
+}
+
+TEST_F(RelayCli, ServerReplyPortSetsTheRelayAndIsWrittenOnlyWhenNot68) {
+    run("configure terminal");
+    EXPECT_EQ(run("dhcp-relay server-reply-port 67"), "");
+    EXPECT_EQ(dhcpr_reply_port_get(), 67);
+    EXPECT_EQ(run("show running-config"), "!\ndhcp-relay server-reply-port 67\nend\n");
+    // The display does not change with the port.
+    EXPECT_EQ(run("show dhcp-relay"), SHOW_OFF);
+    EXPECT_EQ(run("dhcp-relay server-reply-port 68"), "");
+    EXPECT_EQ(dhcpr_reply_port_get(), 68);
+    EXPECT_EQ(run("show running-config"), "!\nend\n");
+    run("dhcp-relay server-reply-port 69", CMD_ERR_NO_MATCH);
+    run("dhcp-relay server-reply-port", CMD_ERR_INCOMPLETE);
+    EXPECT_EQ(dhcpr_reply_port_get(), 68);
+}
+
+TEST_F(RelayCli, ServerReplyPortComesAfterTheEnableLineAndBeforeInterfaces) {
+    relay_on("vlanif10", "10.0.20.2");
+    v->node = CONFIG_NODE;
+    run_all({"dhcp-relay enable", "dhcp-relay server-reply-port 67"});
+    const std::string show = SHOW_ON + default_block("vlanif10", "10.0.20.2");
+    EXPECT_EQ(run("show dhcp-relay"), show);
+    EXPECT_EQ(run("show running-config"),
+              "!\n"
+              "dhcp-relay enable\n"
+              "dhcp-relay server-reply-port 67\n"
+              "interface vlanif10\n"
+              " dhcp-relay remote-server 10.0.20.2\n"
+              " quit\n"
+              "end\n");
+    run("dhcp-relay server-reply-port 68");
+    EXPECT_EQ(run("show dhcp-relay"), show);
+    EXPECT_EQ(run("show running-config"),
+              "!\n"
+              "dhcp-relay enable\n"
+              "interface vlanif10\n"
+              " dhcp-relay remote-server 10.0.20.2\n"
+              " quit\n"
+              "end\n");
+    std::unique_ptr<vty> w = vty_new(VTY_TERM);
+    run("dhcp-relay server-reply-port 67");
+    EXPECT_EQ(dhcpr_config_write(w.get()), 0);
+    EXPECT_EQ(w->obuf, crlf("dhcp-relay enable\n"
+                            "dhcp-relay server-reply-port 67\n"
+                            "interface vlanif10\n"
+                            " dhcp-relay remote-server 10.0.20.2\n"
+                            " quit\n"));
+}
+
+TEST_F(RelayCli, ServerReplyPortWorkerRefusesOtherText) {
+    EXPECT_EQ(dhcpr_server_reply_port_set(nullptr, nullptr), CMD_WARNING);
+    for (const char *bad : {"", "6", "69", "067", "67 ", "sixty-seven", "546"}) {
+        EXPECT_EQ(dhcpr_server_reply_port_set(nullptr, bad), CMD_ERR_NOTHING_TODO) << bad;
+        EXPECT_EQ(dhcpr_server_reply_port_set(v.get(), bad), CMD_ERR_NOTHING_TODO) << bad;
+        EXPECT_EQ(v->obuf,
+                  std::string("% Invalid server reply port ") + bad + ", 67 or 68 expected\n");
+        v->obuf.clear();
+        EXPECT_EQ(dhcpr_reply_port_get(), 68);
+    }
+    EXPECT_EQ(dhcpr_server_reply_port_set(nullptr, "67"), CMD_SUCCESS);
+    EXPECT_EQ(dhcpr_reply_port_get(), 67);
+    EXPECT_EQ(dhcpr_server_reply_port_set(nullptr, "68"), CMD_SUCCESS);
+    EXPECT_EQ(dhcpr_reply_port_get(), 68);
 }
 
 }  // namespace
