@@ -80,9 +80,10 @@ int dhcp_port67_users(dhcp_port67_role role);
 // when the read failed.
 int dhcp_port67_drain(int fd);
 
-// One reference to the shared port-67 socket, given back when dropped.
-// Holds nothing when default-made, moved from, reset, or when the open
-// failed (then get() is -1).
+// One reference to the shared port-67 socket, given back when dropped; in
+// the place of a unique_fd that held a socket of one's own (get, valid,
+// bool, reset). Holds nothing when default-made, moved from, reset, or when
+// the open failed (then get() is -1).
 class dhcp_port67_ref {
   public:
     dhcp_port67_ref() = default;
@@ -101,7 +102,8 @@ class dhcp_port67_ref {
     ~dhcp_port67_ref() { reset(); }
 
     int get() const { return fd_; }
-    explicit operator bool() const { return fd_ >= 0; }
+    bool valid() const { return fd_ >= 0; }
+    explicit operator bool() const { return valid(); }
     void reset() {
         if (fd_ >= 0) {
             fd_ = -1;

@@ -677,6 +677,8 @@ TEST_F(Port67, RefGivesItsReferenceBackOnceWhenDropped) {
         ASSERT_TRUE(a);
         EXPECT_EQ(a.get(), dhcp_port67_fd());
         dhcp_port67_ref b(std::move(a));
+        EXPECT_TRUE(b.valid());
+        EXPECT_FALSE(a.valid());
         EXPECT_FALSE(a);
         EXPECT_EQ(a.get(), -1);
         EXPECT_EQ(dhcp_port67_users(dhcp_port67_role::drain), 1);
