@@ -967,11 +967,12 @@ const std::string &private_net() {
 
 // The relay's port-67 task as the relay runs it: drain, re-arm.
 thread_master *relay_master = nullptr;
+thread *relay_read = nullptr;  // the pending task, replaced at each run
 int relay_drains = 0;
 int relay_drain_task(thread *t) {
     relay_drains++;
     dhcp_port67_drain(THREAD_FD(t));
-    thread_add_read(relay_master, relay_drain_task, nullptr, THREAD_FD(t));
+    relay_read = thread_add_read(relay_master, relay_drain_task, nullptr, THREAD_FD(t));
     return 0;
 }
 
@@ -1003,11 +1004,10 @@ TEST_F(Server, UnicastRenewalsReachTheServerWhileTheRelayDrainsPort67) {
     for (const bool relay_first : {true, false}) {
         SCOPED_TRACE(relay_first ? "relay first" : "server first");
         dhcp_port67_ref relay;
-        thread *relay_task = nullptr;
         auto relay_on = [&] {
             relay = dhcp_port67_ref(dhcp_port67_role::drain);
             ASSERT_TRUE(relay);
-            relay_task = thread_add_read(m, relay_drain_task, nullptr, relay.get());
+            relay_read = thread_add_read(m, relay_drain_task, nullptr, relay.get());
         };
         if (relay_first) {
             relay_on();
@@ -1045,7 +1045,8 @@ TEST_F(Server, UnicastRenewalsReachTheServerWhileTheRelayDrainsPort67) {
 
         dhcps_set_enable(0);
         EXPECT_EQ(relay.get(), dhcp_port67_fd());  // still the relay's to drain
-        thread_cancel(relay_task);
+        thread_cancel(relay_read);
+        relay_read = nullptr;
         relay.reset();
         EXPECT_EQ(dhcp_port67_fd(), -1);
     }
