@@ -5,6 +5,7 @@
 #include <linux/if_packet.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/ioctl.h>
 
 #include <algorithm>
@@ -65,7 +66,99 @@ bool raw_socket_intact(int fd, int send_errno) {
     return domain == AF_PACKET && type == SOCK_DGRAM && protocol == 0;
 }
 
+// The shared port-67 socket and its references by role.
+struct port67_state {
+    dhcp_unique_fd fd;
+    int handlers = 0;
+    int drainers = 0;
+};
+port67_state port67;
+
+int &port67_count(dhcp_port67_role role) {
+    return role == dhcp_port67_role::handle ? port67.handlers : port67.drainers;
+}
+
+bool readable_now(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return ::poll(&p, 1, 0) == 1 && (p.revents & POLLIN) != 0;
+}
+
+// Whether a refused source address may be left to the kernel: the errors
+// route lookup gives for a source that is not one of ours.
+bool source_refused(int err) {
+    return err == EINVAL || err == ENETUNREACH || err == EADDRNOTAVAIL;
+}
+
+ssize_t send_udp(int fd, std::span<const std::byte> bytes, std::uint32_t src_ip,
+                 const sockaddr_in &dest) {
+    iovec iov{const_cast<std::byte *>(bytes.data()), bytes.size()};
+    msghdr msg{};
+    msg.msg_name = const_cast<sockaddr_in *>(&dest);
+    msg.msg_namelen = sizeof dest;
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    alignas(cmsghdr) std::uint8_t control[CMSG_SPACE(sizeof(in_pktinfo))] = {};
+    if (src_ip != 0) {
+        msg.msg_control = control;
+        msg.msg_controllen = sizeof control;
+        cmsghdr *cmsg = CMSG_FIRSTHDR(&msg);
+        cmsg->cmsg_level = IPPROTO_IP;
+        cmsg->cmsg_type = IP_PKTINFO;
+        cmsg->cmsg_len = CMSG_LEN(sizeof(in_pktinfo));
+        in_pktinfo info{};
+        info.ipi_spec_dst.s_addr = src_ip;  // ifindex 0: the route decides the way out
+        std::memcpy(CMSG_DATA(cmsg), &info, sizeof info);
+    }
+    ssize_t n;
+    do {
+        n = ::sendmsg(fd, &msg, 0);
+    } while (n < 0 && errno == EINTR);
+    return n;
+}
+
 }  // namespace
+
+int dhcp_port67_open(dhcp_port67_role role) {
+    if (!port67.fd) {
+        const int fd = dhcp_listen_socket(INADDR_ANY, DHCP_SERVER_PORT, nullptr);
+        if (fd < 0) {
+            return -1;
+        }
+        port67.fd.reset(fd);
+    }
+    port67_count(role)++;
+    return port67.fd.get();
+}
+
+void dhcp_port67_close(dhcp_port67_role role) {
+    int &count = port67_count(role);
+    if (count == 0) {
+        return;
+    }
+    count--;
+    if (port67.handlers == 0 && port67.drainers == 0) {
+        port67.fd.reset();
+    }
+}
+
+int dhcp_port67_fd() {
+    return port67.fd ? port67.fd.get() : -1;
+}
+
+int dhcp_port67_users(dhcp_port67_role role) {
+    return port67_count(role);
+}
+
+int dhcp_port67_drain(int fd) {
+    // The handler's read task is woken by the same readiness and reads it.
+    if (port67.handlers > 0 || !readable_now(fd)) {
+        return 0;
+    }
+    dhcp_packet packet{};
+    int len = 0;
+    std::uint32_t local = 0;
+    return dhcp_recvmsg(fd, &packet, &len, &local);
+}
 
 int dhcp_raw_send_socket() {
     if (!raw_send_fd) {
@@ -310,6 +403,28 @@ int dhcp_send_kernel_packet(const dhcp_packet &packet, std::uint32_t src_ip, std
     const ssize_t n = dhcp_safe_write(fd.get(), std::as_bytes(std::span(&packet, 1)).first(size));
     if (n < 0) {
         zlog_err("write");
+        return -1;
+    }
+    return static_cast<int>(n);
+}
+
+int dhcp_send_udp_packet(int fd, const dhcp_packet &packet, std::uint32_t src_ip,
+                         std::uint32_t dst_ip, std::uint16_t dst_port) {
+    sockaddr_in dest{};
+    dest.sin_family = AF_INET;
+    dest.sin_port = htons(dst_port);
+    dest.sin_addr.s_addr = dst_ip;
+    const std::size_t size = DHCP_FIXED_SIZE + sendable_end(packet) + 1;
+    const auto bytes = std::as_bytes(std::span(&packet, 1)).first(size);
+    ssize_t n = send_udp(fd, bytes, src_ip, dest);
+    // An address that is not ours is not forged as the source: the kernel's
+    // choice is the address of the interface that faces the destination, an
+    // address the receiver can route back to.
+    if (n < 0 && src_ip != 0 && source_refused(errno)) {
+        n = send_udp(fd, bytes, 0, dest);
+    }
+    if (n < 0) {
+        zlog_err("sendto");
         return -1;
     }
     return static_cast<int>(n);

@@ -3,7 +3,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -26,6 +25,9 @@ dhcps_settings dhcps_global;
 
 namespace {
 thread_master *server_master = nullptr;
+// Beside the settings record rather than in it: an addition of this server,
+// with its own setter.
+std::uint32_t relay_reply_port = DHCP_CLIENT_PORT;
 constexpr std::uint32_t kMaxLeaseMin = 2048;
 constexpr std::uint32_t kMaxLeaseMax = 10240;
 constexpr std::uint32_t kMaxLeaseDefault = 4096;
@@ -37,6 +39,7 @@ thread_master *dhcps_master() {
 
 void dhcps_settings_init() {
     dhcps_global = dhcps_settings{};
+    relay_reply_port = DHCP_CLIENT_PORT;
 }
 
 void dhcps_init(thread_master *m) {
@@ -64,7 +67,8 @@ int dhcps_set_enable(std::uint32_t v) {
     dhcps_global.enable = v;
     int rc = hal_dhcp_enable(static_cast<int>(v));
     if (v == 1) {
-        int sock = dhcp_listen_socket(INADDR_ANY, 67, nullptr);
+        // Shared with the relay, so that requests to us are read by us.
+        int sock = dhcp_port67_open(dhcp_port67_role::handle);
         if (sock < 0) {
             zlog_err("dhcp-server failed to init socket");
             return -1;
@@ -76,7 +80,7 @@ int dhcps_set_enable(std::uint32_t v) {
     }
     if (dhcps_global.sock > 0) {
         thread_cancel(dhcps_global.recv_thread);
-        close(dhcps_global.sock);
+        dhcp_port67_close(dhcp_port67_role::handle);
         dhcps_global.recv_thread = nullptr;
         dhcps_global.sock = 0;
     }
@@ -115,12 +119,25 @@ std::uint32_t dhcps_get_information() {
     return dhcps_global.information;
 }
 
+int dhcps_set_relay_reply_port(std::uint32_t port) {
+    if (port != DHCP_SERVER_PORT && port != DHCP_CLIENT_PORT) {
+        return -1;
+    }
+    relay_reply_port = port;
+    return 0;
+}
+
+std::uint32_t dhcps_get_relay_reply_port() {
+    return relay_reply_port;
+}
+
 // ---------------------------------------------------------------------------
 // Request handling.
 
 namespace {
 
 dhcps_send_fn reply_sender = nullptr;
+dhcps_udp_send_fn udp_reply_sender = nullptr;
 
 const char *ip_text(std::uint32_t nip, char *buf) {
     in_addr a{nip};
@@ -340,6 +357,10 @@ bool accepted(const request_view &view, std::uint32_t server_id) {
 
 void dhcps_set_sender(dhcps_send_fn fn) {
     reply_sender = fn;
+}
+
+void dhcps_set_udp_sender(dhcps_udp_send_fn fn) {
+    udp_reply_sender = fn;
 }
 
 int dhcps_parse_packet(int sock) {
@@ -645,9 +666,36 @@ void dhcps_send_inform(interface *ifp, dhcps_pool *pool, const dhcp_packet *requ
     dhcps_send_packet_to_client(ifp, pool, &reply, 0);
 }
 
+namespace {
+
+// A reply to a relayed request as RFC 2131 servers send it: a UDP datagram
+// from port 67 routed to giaddr port 67, every message type alike. A NAK
+// gets the broadcast bit so that the relay broadcasts it to the client.
+void send_to_relay_port(const dhcps_pool *pool, dhcp_packet *reply, int force_broadcast) {
+    if (force_broadcast != 0) {
+        reply->flags |= htons(DHCP_BROADCAST_FLAG);
+    }
+    if (udp_reply_sender != nullptr) {
+        udp_reply_sender(*reply, pool->server_ip, reply->gateway_nip, DHCP_SERVER_PORT);
+        return;
+    }
+    const int fd = dhcp_port67_fd();
+    if (fd < 0) {
+        zlog_err("socket(%s)", "UDP");
+        return;
+    }
+    dhcp_send_udp_packet(fd, *reply, pool->server_ip, reply->gateway_nip, DHCP_SERVER_PORT);
+}
+
+}  // namespace
+
 void dhcps_send_packet_to_client(interface *ifp, dhcps_pool *pool, dhcp_packet *reply,
                                  int force_broadcast) {
     if (null_args(ifp, pool, reply)) {
+        return;
+    }
+    if (reply->gateway_nip != 0 && relay_reply_port == DHCP_SERVER_PORT) {
+        send_to_relay_port(pool, reply, force_broadcast);
         return;
     }
     static constexpr std::uint8_t bcast_mac[6] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};

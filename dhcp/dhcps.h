@@ -45,7 +45,20 @@ void dhcps_send_inform(interface *ifp, dhcps_pool *pool, const dhcp_packet *requ
 void dhcps_send_packet_to_client(interface *ifp, dhcps_pool *pool, dhcp_packet *reply,
                                  int force_broadcast);
 
+// Where a reply to a relayed request goes: 68 (the default) sends it as every
+// other reply, a raw frame to giaddr at the client port 68; 67 sends it as a
+// UDP datagram routed to giaddr at the server port 67, as RFC 2131 servers
+// do, with the broadcast bit set in a NAK. 0, or -1 (nothing changed) for
+// any other port.
+int dhcps_set_relay_reply_port(std::uint32_t port);
+std::uint32_t dhcps_get_relay_reply_port();
+
 // Where replies go: the raw sender by default; tests install their own.
 using dhcps_send_fn = int (*)(const dhcp_packet &reply, std::uint32_t src_ip, std::uint32_t dst_ip,
                               const std::uint8_t *dst_mac, int ifindex);
 void dhcps_set_sender(dhcps_send_fn fn);
+// Where replies routed to a relay at port 67 go: the shared port-67 socket by
+// default; tests install their own.
+using dhcps_udp_send_fn = int (*)(const dhcp_packet &reply, std::uint32_t src_ip,
+                                  std::uint32_t dst_ip, std::uint16_t dst_port);
+void dhcps_set_udp_sender(dhcps_udp_send_fn fn);

@@ -12,6 +12,8 @@
 #include <span>
 
 #include "dhcp/dhcp_options.h"
+#include "dhcp/dhcp_packet.h"
+#include "dhcp/dhcps.h"
 #include "dhcp/dhcps_leases.h"
 #include "dhcp/dhcps_pool.h"
 #include "lib/command.h"
@@ -251,6 +253,14 @@ DEFUN(dhcps_information, dhcps_information_cmd, "dhcp-server information (enable
     return CMD_SUCCESS;
 }
 
+DEFUN(dhcps_relay_reply_port, dhcps_relay_reply_port_cmd, "dhcp-server relay-reply-port (67|68)",
+      "Configure dhcp server\nConfigure relay reply port\n"
+      "Reply to the relay at port 67, as RFC 2131 servers do\n"
+      "Reply to the relay at port 68 in a broadcast frame (default)\n") {
+    const auto port = static_cast<std::uint32_t>(std::atoi(argv[0]));
+    return dhcps_set_relay_reply_port(port) == 0 ? CMD_SUCCESS : CMD_WARNING;
+}
+
 DEFUN(dhcps_pool_cmd_fn, dhcps_pool_cmd, "dhcp-server pool NAME",
       "Configure dhcp server\nConfigure dhcp address pool\nSpecify dhcp pool name\n") {
     dhcps_pool *pool = nullptr;
@@ -399,8 +409,9 @@ DEFUN(show_dhcps, show_dhcps_cmd, "show dhcp-server", SHOW_STR "Configure dhcp s
 }
 
 cmd_element *const global_cmds[] = {
-    &dhcps_enable_cmd,    &dhcps_write_time_cmd,   &no_dhcps_write_time_cmd,
-    &dhcps_max_lease_cmd, &no_dhcps_max_lease_cmd, &dhcps_information_cmd,
+    &dhcps_enable_cmd,           &dhcps_write_time_cmd,   &no_dhcps_write_time_cmd,
+    &dhcps_max_lease_cmd,        &no_dhcps_max_lease_cmd, &dhcps_information_cmd,
+    &dhcps_relay_reply_port_cmd,
 };
 
 cmd_element *const pool_cmds[] = {
@@ -508,6 +519,10 @@ int dhcps_config_write(vty *vty) {
             VTY_NEWLINE);
     if (dhcps_get_information() != 0) {
         vty_out(vty, "dhcp-server information enable%s", VTY_NEWLINE);
+    }
+    if (dhcps_get_relay_reply_port() != DHCP_CLIENT_PORT) {
+        vty_out(vty, "dhcp-server relay-reply-port %d%s",
+                static_cast<int>(dhcps_get_relay_reply_port()), VTY_NEWLINE);
     }
     for (const auto &pool : dhcps_pool_list()) {
         zassert(pool != nullptr);

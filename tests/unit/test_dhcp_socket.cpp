@@ -8,10 +8,13 @@
 #include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
@@ -21,6 +24,7 @@
 #include "dhcp/dhcp_debug.h"
 #include "dhcp/dhcp_options.h"
 #include "lib/log.h"
+#include "lib/thread.h"
 
 namespace {
 
@@ -579,6 +583,310 @@ TEST_F(RawSend, BadInterfaceKeepsSocket) {
     EXPECT_EQ(dhcp_send_raw_packet(p, lo, 67, lo, dst_port, mac, 999999), -1);
     EXPECT_EQ(logs, (std::vector<LogLine>{{LOG_ERR, "sendto"}}));
     EXPECT_EQ(dhcp_raw_send_socket(), fd);
+}
+
+// ---- port 67, shared by the server and the relay --------------------------
+
+int sh(const std::string &cmd) {
+    return std::system((cmd + " >/dev/null 2>&1").c_str());
+}
+
+// The process moves, once, into a network namespace of its own: loopback,
+// and a veth with 10.9.0.1/24 and 10.9.0.7/24 (no other route). Empty when
+// done, else why not.
+const std::string &private_net() {
+    static const std::string failure = []() -> std::string {
+        if (unshare(CLONE_NEWNET) != 0) {
+            return std::string("no private network namespace: ") + std::strerror(errno);
+        }
+        if (sh("ip link set lo up && ip link add p0 type veth peer name p1 && "
+               "ip link set p1 up && ip link set p0 up && "
+               "ip addr add 10.9.0.1/24 dev p0 && ip addr add 10.9.0.7/24 dev p0") != 0) {
+            return "ip failed";
+        }
+        return {};
+    }();
+    return failure;
+}
+
+std::uint32_t nip(const char *text) {
+    in_addr a{};
+    inet_pton(AF_INET, text, &a);
+    return a.s_addr;
+}
+
+bool readable(int fd, int timeout_ms) {
+    pollfd p{fd, POLLIN, 0};
+    return ::poll(&p, 1, timeout_ms) == 1 && (p.revents & POLLIN) != 0;
+}
+
+class Port67 : public Sockets {
+  protected:
+    void SetUp() override {
+        if (!is_root()) {
+            GTEST_SKIP() << "port 67 and namespaces need privilege";
+        }
+        if (!private_net().empty()) {
+            GTEST_SKIP() << private_net();
+        }
+        Sockets::SetUp();
+    }
+    void TearDown() override {
+        for (auto role : {dhcp_port67_role::handle, dhcp_port67_role::drain}) {
+            while (dhcp_port67_users(role) > 0) {
+                dhcp_port67_close(role);
+            }
+        }
+        Sockets::TearDown();
+    }
+};
+
+TEST_F(Port67, BothRolesGetOneSocketClosedWithTheLastReference) {
+    const int h = dhcp_port67_open(dhcp_port67_role::handle);
+    ASSERT_GE(h, 0);
+    EXPECT_EQ(dhcp_port67_open(dhcp_port67_role::drain), h);
+    EXPECT_EQ(dhcp_port67_open(dhcp_port67_role::drain), h);
+    EXPECT_EQ(dhcp_port67_fd(), h);
+    EXPECT_EQ(dhcp_port67_users(dhcp_port67_role::handle), 1);
+    EXPECT_EQ(dhcp_port67_users(dhcp_port67_role::drain), 2);
+    // Opened once, as the listening socket of the port.
+    EXPECT_EQ(logs, (std::vector<LogLine>{{LOG_INFO, "Opening listen socket on *:67 "}}));
+    EXPECT_EQ(bound_port(h), 67);
+    EXPECT_EQ(int_option(h, SOL_SOCKET, SO_REUSEADDR), 1);
+    EXPECT_EQ(int_option(h, SOL_SOCKET, SO_BROADCAST), 1);
+    EXPECT_EQ(int_option(h, IPPROTO_IP, IP_PKTINFO), 1);
+
+    dhcp_port67_close(dhcp_port67_role::handle);
+    dhcp_port67_close(dhcp_port67_role::handle);  // none left of that role: nothing
+    EXPECT_EQ(dhcp_port67_users(dhcp_port67_role::handle), 0);
+    EXPECT_EQ(dhcp_port67_fd(), h);
+    EXPECT_NE(fcntl(h, F_GETFD), -1);
+    dhcp_port67_close(dhcp_port67_role::drain);
+    EXPECT_NE(fcntl(h, F_GETFD), -1);
+    dhcp_port67_close(dhcp_port67_role::drain);
+    EXPECT_EQ(dhcp_port67_fd(), -1);
+    EXPECT_EQ(fcntl(h, F_GETFD), -1);
+    EXPECT_EQ(errno, EBADF);
+
+    logs.clear();
+    EXPECT_GE(dhcp_port67_open(dhcp_port67_role::drain), 0);
+    EXPECT_EQ(logs.size(), 1u);  // opened again
+}
+
+TEST_F(Port67, RefGivesItsReferenceBackOnceWhenDropped) {
+    {
+        dhcp_port67_ref a(dhcp_port67_role::drain);
+        ASSERT_TRUE(a);
+        EXPECT_EQ(a.get(), dhcp_port67_fd());
+        dhcp_port67_ref b(std::move(a));
+        EXPECT_TRUE(b.valid());
+        EXPECT_FALSE(a.valid());
+        EXPECT_FALSE(a);
+        EXPECT_EQ(a.get(), -1);
+        EXPECT_EQ(dhcp_port67_users(dhcp_port67_role::drain), 1);
+        dhcp_port67_ref c;
+        EXPECT_FALSE(c);
+        c = std::move(b);
+        EXPECT_EQ(dhcp_port67_users(dhcp_port67_role::drain), 1);
+        c.reset();
+        c.reset();
+        EXPECT_EQ(dhcp_port67_users(dhcp_port67_role::drain), 0);
+        EXPECT_EQ(dhcp_port67_fd(), -1);
+        c = dhcp_port67_ref(dhcp_port67_role::handle);
+        EXPECT_EQ(dhcp_port67_users(dhcp_port67_role::handle), 1);
+    }
+    EXPECT_EQ(dhcp_port67_users(dhcp_port67_role::handle), 0);
+    EXPECT_EQ(dhcp_port67_fd(), -1);
+}
+
+// Why the roles share one socket: of two sockets on 0.0.0.0:67, only one
+// gets a unicast datagram, while both get a broadcast.
+TEST_F(Port67, KernelGivesAUnicastToOneOfTwoSocketsABroadcastToBoth) {
+    dhcp_unique_fd a(dhcp_listen_socket(INADDR_ANY, 67, nullptr));
+    dhcp_unique_fd b(dhcp_listen_socket(INADDR_ANY, 67, nullptr));
+    ASSERT_TRUE(a && b);
+    const Bytes payload = pattern(300);
+
+    send_udp(payload, "10.9.0.1", 67);
+    pollfd both[2] = {{a.get(), POLLIN, 0}, {b.get(), POLLIN, 0}};
+    ASSERT_EQ(::poll(both, 2, 5000), 1);  // once one has it, the other never will
+    Bytes got(600);
+    const int winner = (both[0].revents & POLLIN) != 0 ? a.get() : b.get();
+    EXPECT_EQ(::recv(winner, got.data(), got.size(), 0), 300);
+    EXPECT_FALSE(readable(a.get(), 0) || readable(b.get(), 0));
+
+    dhcp_unique_fd tx(::socket(AF_INET, SOCK_DGRAM, 0));
+    ASSERT_EQ(dhcp_setsockopt_broadcast(tx.get()), 0);
+    sockaddr_in dst{};
+    dst.sin_family = AF_INET;
+    dst.sin_port = htons(67);
+    dst.sin_addr.s_addr = nip("10.9.0.255");
+    ASSERT_EQ(::sendto(tx.get(), payload.data(), payload.size(), 0,
+                       reinterpret_cast<const sockaddr *>(&dst), sizeof dst),
+              300);
+    for (int fd : {a.get(), b.get()}) {
+        ASSERT_TRUE(readable(fd, 5000));
+        EXPECT_EQ(::recv(fd, got.data(), got.size(), 0), 300);
+    }
+}
+
+// Two roles' read tasks on the shared descriptor, as the server's and the
+// relay's: the handler reads with dhcp_recvmsg, the drainer drains.
+struct Roles {
+    thread_master *m = thread_master_create();
+    std::vector<Bytes> handled;
+    int drains = 0;
+    int drain_failures = 0;
+    ~Roles() { thread_master_free(m); }
+
+    static int handler_task(thread *t) {
+        auto *r = static_cast<Roles *>(THREAD_ARG(t));
+        dhcp_packet p{};
+        int len = 0;
+        std::uint32_t local = 0;
+        if (dhcp_recvmsg(THREAD_FD(t), &p, &len, &local) == 0) {
+            const auto *b = reinterpret_cast<const std::uint8_t *>(&p);
+            r->handled.emplace_back(b, b + len);
+        }
+        thread_add_read(r->m, handler_task, r, THREAD_FD(t));
+        return 0;
+    }
+    static int drain_task(thread *t) {
+        auto *r = static_cast<Roles *>(THREAD_ARG(t));
+        r->drains++;
+        if (dhcp_port67_drain(THREAD_FD(t)) != 0) {
+            r->drain_failures++;
+        }
+        thread_add_read(r->m, drain_task, r, THREAD_FD(t));
+        return 0;
+    }
+    // Runs the loop until the handler has `n` datagrams; the bound on turns
+    // only ends a wait that failed.
+    void run_until_handled(std::size_t n) {
+        for (int turn = 0; turn < 50 && handled.size() < n; turn++) {
+            thread_run_once(m, 200);
+        }
+    }
+};
+
+TEST_F(Port67, UnicastReachesTheHandlerWhicheverRoleOpenedFirst) {
+    for (const bool handler_first : {true, false}) {
+        SCOPED_TRACE(handler_first ? "handler first" : "drainer first");
+        Roles r;
+        const auto first = handler_first ? dhcp_port67_role::handle : dhcp_port67_role::drain;
+        const auto second = handler_first ? dhcp_port67_role::drain : dhcp_port67_role::handle;
+        const int fd = dhcp_port67_open(first);
+        ASSERT_EQ(dhcp_port67_open(second), fd);
+        thread_add_read(r.m, Roles::handler_task, &r, fd);
+        thread_add_read(r.m, Roles::drain_task, &r, fd);
+
+        std::vector<Bytes> sent;
+        for (std::size_t i = 0; i < 5; i++) {
+            sent.push_back(pattern(260 + i));
+            send_udp(sent.back(), i % 2 == 0 ? "10.9.0.1" : "10.9.0.7", 67);
+        }
+        r.run_until_handled(sent.size());
+        EXPECT_EQ(r.handled, sent);
+        EXPECT_GT(r.drains, 0);  // it was woken, and left every datagram alone
+        EXPECT_EQ(r.drain_failures, 0);
+        EXPECT_FALSE(readable(fd, 0));
+        dhcp_port67_close(dhcp_port67_role::handle);
+        dhcp_port67_close(dhcp_port67_role::drain);
+    }
+}
+
+TEST_F(Port67, DrainReadsOnlyWhileNoRoleHandlesAndNeverWaits) {
+    const int fd = dhcp_port67_open(dhcp_port67_role::drain);
+    ASSERT_GE(fd, 0);
+    logs.clear();
+    EXPECT_EQ(dhcp_port67_drain(fd), 0);  // nothing waiting: returns at once
+    send_udp(pattern(300), "10.9.0.1", 67);
+    ASSERT_TRUE(readable(fd, 5000));
+    EXPECT_EQ(dhcp_port67_drain(fd), 0);
+    EXPECT_FALSE(readable(fd, 0));  // read and thrown away
+
+    ASSERT_EQ(dhcp_port67_open(dhcp_port67_role::handle), fd);
+    send_udp(pattern(300), "10.9.0.1", 67);
+    ASSERT_TRUE(readable(fd, 5000));
+    EXPECT_EQ(dhcp_port67_drain(fd), 0);
+    EXPECT_TRUE(readable(fd, 0));  // left to the handler
+
+    dhcp_port67_close(dhcp_port67_role::handle);
+    EXPECT_EQ(dhcp_port67_drain(fd), 0);
+    EXPECT_FALSE(readable(fd, 0));
+    EXPECT_TRUE(logs.empty());  // quiet with packet debugging off
+}
+
+// The source address the kernel takes for `dst` when left to choose.
+std::uint32_t kernel_source(std::uint32_t dst) {
+    dhcp_unique_fd fd(::socket(AF_INET, SOCK_DGRAM, 0));
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(9);
+    addr.sin_addr.s_addr = dst;
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr *>(&addr), sizeof addr) != 0) {
+        return 0;
+    }
+    socklen_t len = sizeof addr;
+    getsockname(fd.get(), reinterpret_cast<sockaddr *>(&addr), &len);
+    return addr.sin_addr.s_addr;
+}
+
+// The routed sender: from the given address when it is ours, else from the
+// kernel's choice.
+TEST_F(Port67, RoutedSendUsesOurSourceAddressOrTheKernels) {
+    struct Case {
+        const char *src;
+        const char *dst;
+        const char *seen_from;  // nullptr: the kernel's choice
+    };
+    const Case cases[] = {
+        {"10.9.0.1", "10.9.0.7", "10.9.0.1"},
+        {"10.9.0.7", "10.9.0.1", "10.9.0.7"},
+        {"10.9.0.1", "10.9.0.1", "10.9.0.1"},
+        {"192.168.5.0", "10.9.0.7", nullptr},  // a detached pool's network address
+        {"192.168.5.0", "10.9.0.1", nullptr},
+        {"0.0.0.0", "10.9.0.1", nullptr},
+    };
+    // The sources above are told apart from the kernel's own choice.
+    ASSERT_EQ(kernel_source(nip("10.9.0.1")), nip("10.9.0.1"));
+    dhcp_unique_fd rx(dhcp_listen_socket(INADDR_ANY, 0, nullptr));
+    const std::uint16_t port = bound_port(rx.get());
+    const int tx = dhcp_port67_open(dhcp_port67_role::handle);
+    ASSERT_GE(tx, 0);
+    dhcp_packet p;
+    dhcp_init_header(p, DHCPOFFER);
+    dhcp_add_simple_option(p, DHCP_SERVER_ID, nip("10.9.0.1"));
+    const auto *bytes = reinterpret_cast<const std::uint8_t *>(&p);
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.src);
+        logs.clear();
+        EXPECT_EQ(dhcp_send_udp_packet(tx, p, nip(c.src), nip(c.dst), port), 240 + 9 + 1);
+        ASSERT_TRUE(readable(rx.get(), 5000));
+        Bytes got(700);
+        sockaddr_in from{};
+        socklen_t from_len = sizeof from;
+        const ssize_t n = ::recvfrom(rx.get(), got.data(), got.size(), 0,
+                                     reinterpret_cast<sockaddr *>(&from), &from_len);
+        ASSERT_EQ(n, 250);
+        got.resize(250);
+        EXPECT_EQ(got, Bytes(bytes, bytes + 250));
+        const std::uint32_t want =
+            c.seen_from != nullptr ? nip(c.seen_from) : kernel_source(nip(c.dst));
+        EXPECT_EQ(from.sin_addr.s_addr, want);
+        EXPECT_EQ(ntohs(from.sin_port), 67);
+        EXPECT_TRUE(logs.empty());
+    }
+}
+
+TEST_F(Port67, RoutedSendWithoutRouteFailsWithOneLogLine) {
+    dhcp_unique_fd tx(dhcp_listen_socket(INADDR_ANY, 0, nullptr));
+    dhcp_packet p;
+    dhcp_init_header(p, DHCPACK);
+    logs.clear();
+    EXPECT_EQ(dhcp_send_udp_packet(tx.get(), p, nip("10.9.0.1"), nip("203.0.113.9"), 67), -1);
+    EXPECT_EQ(dhcp_send_udp_packet(tx.get(), p, nip("192.168.5.0"), nip("203.0.113.9"), 67), -1);
+    EXPECT_EQ(logs, (std::vector<LogLine>{{LOG_ERR, "sendto"}, {LOG_ERR, "sendto"}}));
 }
 
 // ---- dhcp_read_interface -------------------------------------------------

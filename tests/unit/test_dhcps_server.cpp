@@ -2,8 +2,14 @@
 // the handler and replies are captured at the sending seam.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <ostream>
@@ -14,11 +20,13 @@
 #include "dhcp/dhcp_debug.h"
 #include "dhcp/dhcp_options.h"
 #include "dhcp/dhcp_packet.h"
+#include "dhcp/dhcp_socket.h"
 #include "dhcp/dhcps.h"
 #include "dhcp/dhcps_leases.h"
 #include "dhcp/dhcps_pool.h"
 #include "lib/if.h"
 #include "lib/log.h"
+#include "lib/thread.h"
 #include "platform/clock.h"
 
 namespace {
@@ -48,6 +56,20 @@ int capture(const dhcp_packet &reply, std::uint32_t src, std::uint32_t dst, cons
     Sent s{reply, src, dst, {}, ifindex};
     std::memcpy(s.mac, mac, 6);
     sent.push_back(s);
+    return 0;
+}
+
+// Replies routed to a relay's port 67.
+struct Routed {
+    dhcp_packet reply;
+    std::uint32_t src, dst;
+    std::uint16_t port;
+};
+std::vector<Routed> routed;
+
+int capture_routed(const dhcp_packet &reply, std::uint32_t src, std::uint32_t dst,
+                   std::uint16_t port) {
+    routed.push_back({reply, src, dst, port});
     return 0;
 }
 
@@ -136,7 +158,9 @@ struct Server : ::testing::Test {
         kq_time_set(now);
         dhcp_debug = 0;
         sent.clear();
+        routed.clear();
         dhcps_set_sender(capture);
+        dhcps_set_udp_sender(capture_routed);
         zlog_set_hook([this](int, std::string_view t) { log.emplace_back(t); });
         ifp = if_get_by_name("vlanif10");
         ifp->ifindex = 5;
@@ -148,6 +172,7 @@ struct Server : ::testing::Test {
     ~Server() override {
         zlog_set_hook({});
         dhcps_set_sender(nullptr);
+        dhcps_set_udp_sender(nullptr);
         dhcps_pool_list_free();
         dhcps_lease_list_free();
         if_terminate();
@@ -365,6 +390,103 @@ TEST_F(Server, NakIsBroadcastAlsoToARelayedRequest) {
     handle(r);
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(sent[0].dst, INADDR_BROADCAST);
+}
+
+TEST_F(Server, RelayReplyPortTakesOnly67And68) {
+    EXPECT_EQ(dhcps_get_relay_reply_port(), 68u);
+    const struct {
+        std::uint32_t port;
+        int rc;
+        std::uint32_t after;
+    } cases[] = {{67, 0, 67},           {0, -1, 67}, {66, -1, 67},
+                 {69, -1, 67},          {68, 0, 68}, {67 + 65536, -1, 68},
+                 {0xffffffffu, -1, 68}, {67, 0, 67}, {67, 0, 67}};
+    for (const auto &c : cases) {
+        EXPECT_EQ(dhcps_set_relay_reply_port(c.port), c.rc) << c.port;
+        EXPECT_EQ(dhcps_get_relay_reply_port(), c.after) << c.port;
+    }
+    EXPECT_TRUE(log.empty());
+    dhcps_settings_init();
+    EXPECT_EQ(dhcps_get_relay_reply_port(), 68u);
+}
+
+// With port 67 every reply to a relayed request is routed to giaddr port 67
+// from the pool's server address; its bytes are those the default sends in a
+// raw frame, but for the broadcast bit that a NAK gets.
+TEST_F(Server, RelayedRepliesGoToTheRelayPort67AsTheDefaultBuildsThem) {
+    struct Case {
+        const char *name;
+        std::uint8_t type;
+        std::uint16_t flags;  // the request's
+        bool with_lease;      // the client holds 10.20.0.55
+        std::uint8_t reply_type;
+        std::uint16_t reply_flags;  // on the wire at port 67
+    };
+    const Case cases[] = {
+        {"discover", DHCPDISCOVER, 0, false, DHCPOFFER, 0},
+        {"discover_broadcast", DHCPDISCOVER, 0x8000, false, DHCPOFFER, 0x8000},
+        {"request", DHCPREQUEST, 0, true, DHCPACK, 0},
+        {"request_broadcast", DHCPREQUEST, 0x8000, true, DHCPACK, 0x8000},
+        {"request_nak", DHCPREQUEST, 0, false, DHCPNAK, 0x8000},
+        {"inform", DHCPINFORM, 0, false, DHCPACK, 0},
+    };
+    make_pool("r", "10.20.0.1", "10.20.0.0/24", "10.20.0.50", "10.20.0.60");
+    const std::uint8_t mac[6] = {0x02, 0, 0, 0, 0, 3};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.name);
+        std::vector<dhcp_packet> replies;
+        for (const std::uint32_t port : {68u, 67u}) {
+            dhcps_lease_list_free();
+            dhcps_lease_list_init();
+            if (c.with_lease) {
+                dhcps_add_lease(mac, nip("10.20.0.55"), 100, now + 100, nullptr, 0, 1, 0);
+            }
+            sent.clear();
+            routed.clear();
+            ASSERT_EQ(dhcps_set_relay_reply_port(port), 0);
+            Request r(c.type, 3);
+            r.p.gateway_nip = nip("10.20.0.1");
+            r.p.hops = 1;
+            r.p.flags = htons(c.flags);
+            if (c.type == DHCPREQUEST) {
+                r.addr_opt(DHCP_REQUESTED_IP, "10.20.0.55");
+            }
+            ASSERT_EQ(handle(r), 0);
+            if (port == 68) {
+                ASSERT_EQ(sent.size(), 1u);
+                ASSERT_TRUE(routed.empty());
+                replies.push_back(sent[0].reply);
+                continue;
+            }
+            ASSERT_TRUE(sent.empty());
+            ASSERT_EQ(routed.size(), 1u);
+            EXPECT_EQ(ip(routed[0].dst), "10.20.0.1");
+            EXPECT_EQ(routed[0].port, 67);
+            EXPECT_EQ(ip(routed[0].src), "10.20.0.0");  // the detached pool's server address
+            EXPECT_EQ(options_of(routed[0].reply)[0].second,
+                      std::vector<std::uint8_t>{c.reply_type});
+            EXPECT_EQ(ntohs(routed[0].reply.flags), c.reply_flags);
+            dhcp_packet expect = replies.back();
+            expect.flags = htons(c.reply_flags);
+            EXPECT_EQ(std::memcmp(&routed[0].reply, &expect, sizeof expect), 0);
+        }
+    }
+}
+
+TEST_F(Server, DirectClientsIgnoreTheRelayReplyPort) {
+    ASSERT_EQ(dhcps_set_relay_reply_port(67), 0);
+    const std::uint32_t a = bind(1);
+    Request renew(DHCPREQUEST, 1);
+    renew.p.ciaddr = a;
+    handle(renew);
+    Request nak(DHCPREQUEST, 9);
+    nak.addr_opt(DHCP_REQUESTED_IP, "192.168.1.15");
+    handle(nak);
+    EXPECT_TRUE(routed.empty());
+    ASSERT_EQ(sent.size(), 4u);  // offer, ack, ack, nak: raw frames as ever
+    EXPECT_EQ(sent[2].dst, a);
+    EXPECT_EQ(sent[3].dst, INADDR_BROADCAST);
+    EXPECT_EQ(sent[3].reply.flags, 0);
 }
 
 TEST_F(Server, Option82IsCheckedAndEchoedLast) {
@@ -816,6 +938,120 @@ TEST_F(Server, EmptyOverloadTakesTheByteAfterItsLength) {
         EXPECT_EQ(options_of(sent[0].reply)[0].second, std::vector<std::uint8_t>{DHCPOFFER});
         EXPECT_EQ(ip(sent[0].reply.yiaddr), "192.168.1.10");
     }
+}
+
+// ---- server and relay on port 67 at once ----
+
+int sh(const std::string &cmd) {
+    return std::system((cmd + " >/dev/null 2>&1").c_str());
+}
+
+// Once per process: a network namespace of its own with 10.9.0.1/24 on a
+// veth. Empty when done, else why not.
+const std::string &private_net() {
+    static const std::string failure = []() -> std::string {
+        if (geteuid() != 0) {
+            return "port 67 and namespaces need privilege";
+        }
+        if (unshare(CLONE_NEWNET) != 0) {
+            return std::string("no private network namespace: ") + std::strerror(errno);
+        }
+        if (sh("ip link set lo up && ip link add p0 type veth peer name p1 && "
+               "ip link set p1 up && ip link set p0 up && ip addr add 10.9.0.1/24 dev p0") != 0) {
+            return "ip failed";
+        }
+        return {};
+    }();
+    return failure;
+}
+
+// The relay's port-67 task as the relay runs it: drain, re-arm.
+thread_master *relay_master = nullptr;
+thread *relay_read = nullptr;  // the pending task, replaced at each run
+int relay_drains = 0;
+int relay_drain_task(thread *t) {
+    relay_drains++;
+    dhcp_port67_drain(THREAD_FD(t));
+    relay_read = thread_add_read(relay_master, relay_drain_task, nullptr, THREAD_FD(t));
+    return 0;
+}
+
+// A client renewing by unicast while the relay holds port 67 too, whichever
+// role came first: the server reads every request and acknowledges it.
+TEST_F(Server, UnicastRenewalsReachTheServerWhileTheRelayDrainsPort67) {
+    if (!private_net().empty()) {
+        GTEST_SKIP() << private_net();
+    }
+    thread_master *m = thread_master_create();
+    relay_master = m;
+    dhcps_init(m);  // starts the server afresh: pools, leases, settings
+    dhcps_lease_list_free();
+    dhcps_lease_list_init();
+    interface *lan = if_get_by_name("vlanif9");
+    lan->ifindex = 9;
+    prefix a{};
+    str2prefix("10.9.0.1/24", &a);
+    connected_add(lan, 0, &a, nullptr);
+    make_pool("n9", "10.9.0.1", "10.9.0.0/24", "10.9.0.50", "10.9.0.60");
+
+    dhcp_unique_fd client(::socket(AF_INET, SOCK_DGRAM, 0));
+    ASSERT_TRUE(client);
+    sockaddr_in server{};
+    server.sin_family = AF_INET;
+    server.sin_port = htons(67);
+    server.sin_addr.s_addr = nip("10.9.0.1");
+
+    for (const bool relay_first : {true, false}) {
+        SCOPED_TRACE(relay_first ? "relay first" : "server first");
+        dhcp_port67_ref relay;
+        auto relay_on = [&] {
+            relay = dhcp_port67_ref(dhcp_port67_role::drain);
+            ASSERT_TRUE(relay);
+            relay_read = thread_add_read(m, relay_drain_task, nullptr, relay.get());
+        };
+        if (relay_first) {
+            relay_on();
+        }
+        ASSERT_GT(dhcps_set_enable(1), 0);
+        if (!relay_first) {
+            relay_on();
+        }
+        EXPECT_EQ(relay.get(), dhcps_global.sock);
+
+        sent.clear();
+        relay_drains = 0;
+        for (std::uint8_t i = 0; i < 4; i++) {
+            const std::uint8_t mac[6] = {0x02, 0, 0, 0, 9, i};
+            const std::uint32_t addr = htonl(ntohl(nip("10.9.0.50")) + i);
+            ASSERT_NE(dhcps_add_lease(mac, addr, 100, now + 100, nullptr, 0, 1, 0), nullptr);
+            Request renew(DHCPREQUEST, i);
+            renew.p.chaddr[4] = 9;
+            renew.p.ciaddr = addr;
+            ASSERT_EQ(::sendto(client.get(), &renew.p, sizeof renew.p, 0,
+                               reinterpret_cast<const sockaddr *>(&server), sizeof server),
+                      static_cast<ssize_t>(sizeof renew.p));
+        }
+        // The bound on turns only ends a wait that failed.
+        for (int turn = 0; turn < 50 && sent.size() < 4; turn++) {
+            thread_run_once(m, 200);
+        }
+        ASSERT_EQ(sent.size(), 4u);
+        for (std::uint8_t i = 0; i < 4; i++) {
+            EXPECT_EQ(options_of(sent[i].reply)[0].second, std::vector<std::uint8_t>{DHCPACK});
+            EXPECT_EQ(ip(sent[i].dst), "10.9.0." + std::to_string(50 + i));
+            EXPECT_EQ(sent[i].ifindex, 9);
+        }
+        EXPECT_GT(relay_drains, 0);  // woken too, and took nothing
+
+        dhcps_set_enable(0);
+        EXPECT_EQ(relay.get(), dhcp_port67_fd());  // still the relay's to drain
+        thread_cancel(relay_read);
+        relay_read = nullptr;
+        relay.reset();
+        EXPECT_EQ(dhcp_port67_fd(), -1);
+    }
+    thread_master_free(m);
+    relay_master = nullptr;
 }
 
 }  // namespace

@@ -219,6 +219,38 @@ std::vector<Transcript> global_transcripts() {
           {"show running-config", 0, "!\ndhcp-server max-lease-num 4096\nend\n"},
           {"dhcp-server information enable"},
           {"show running-config", 0, CONF_HEAD + "end\n"}}},
+        {"RelayReplyPort67IsWrittenAfterTheGlobalLines",
+         {{"configure terminal"},
+          {"dhcp-server relay-reply-port 67"},
+          {"show running-config", 0, CONF_HEAD + "dhcp-server relay-reply-port 67\nend\n"},
+          {"dhcp-server information disable"},
+          {"dhcp-server write-time 60"},
+          {"dhcp-server pool lan"},
+          {"exit"},
+          {"show running-config", 0,
+           "!\ndhcp-server write-time 60\ndhcp-server max-lease-num 4096\n"
+           "dhcp-server relay-reply-port 67\n"
+           "dhcp-server pool lan\n lease 864000 \n begin-ip 0.0.0.0 end-ip 0.0.0.0\n"
+           " pool enable\n quit\n!\nend\n"},
+          {"dhcp-server relay-reply-port 68"},
+          {"show running-config", 0,
+           "!\ndhcp-server write-time 60\ndhcp-server max-lease-num 4096\n"
+           "dhcp-server pool lan\n lease 864000 \n begin-ip 0.0.0.0 end-ip 0.0.0.0\n"
+           " pool enable\n quit\n!\nend\n"}}},
+        {"RelayReplyPortOtherThan67Or68IsTheEnginesRefusal",
+         {{"configure terminal"},
+          {"dhcp-server relay-reply-port 69", CMD_ERR_NO_MATCH},
+          {"dhcp-server relay-reply-port 6", CMD_ERR_AMBIGUOUS},
+          {"dhcp-server relay-reply-port", CMD_ERR_INCOMPLETE},
+          {"dhcp-server relay-reply-port 67 68", CMD_ERR_NO_MATCH},
+          {"show running-config", 0, CONF_HEAD + "end\n"}}},
+        {"ShowDhcpServerStaysTheSameWithRelayReplyPort67",
+         {{"configure terminal"},
+          {"dhcp-server relay-reply-port 67"},
+          {"show dhcp-server", 0,
+           "********************************\ndhcp-server is disabled.\n"
+           "********************************\ndhcp-server write-time    : 300 seconds\n"
+           "dhcp-server max-lease-num : 4096\ndhcp-server information   : Enabled\n"}}},
         {"PoolNameOf31IsAccepted",
          {{"configure terminal"},
           {"dhcp-server pool " + name_of(31)},
@@ -824,6 +856,7 @@ const std::vector<std::string> FULL_SETUP = {
     // Off is written by leaving the line out, which a replay cannot tell
     // from the default (on); the round trip keeps it on.
     "dhcp-server information enable",
+    "dhcp-server relay-reply-port 67",
     "dhcp-server pool lan10",
     "default-router 10.0.10.1",
     "network 10.0.10.0/24",
@@ -855,6 +888,7 @@ const std::string FULL_CONFIG =
     "dhcp-server write-time 600\n"
     "dhcp-server max-lease-num 8192\n"
     "dhcp-server information enable\n"
+    "dhcp-server relay-reply-port 67\n"
     "dhcp-server pool empty\n"
     " lease 864000 \n"
     " begin-ip 0.0.0.0 end-ip 0.0.0.0\n"
@@ -968,7 +1002,8 @@ TEST_F(Server, ConfigAndEnableNodeCommandsInTheirOrder) {
                   "dhcp-server (enable|disable)", "dhcp-server write-time <30-65535>",
                   "no dhcp-server write-time", "dhcp-server max-lease-num <2048-10240>",
                   "no dhcp-server max-lease-num", "dhcp-server information (enable|disable)",
-                  "dhcp-server pool NAME", "no dhcp-server pool NAME", "show dhcp-server lease",
+                  "dhcp-server relay-reply-port (67|68)", "dhcp-server pool NAME",
+                  "no dhcp-server pool NAME", "show dhcp-server lease",
                   "show dhcp-server lease A.B.C.D", "show dhcp-server"}));
     EXPECT_EQ(server_commands(ENABLE_NODE),
               (std::vector<std::string>{"show dhcp-server lease", "show dhcp-server lease A.B.C.D",
@@ -1015,6 +1050,14 @@ std::vector<HelpCase> help_cases() {
           {"enable", "enable", "Enable Option-82"}}},
         {CONFIG_NODE,
          {srv, {"information", "information", ""}, {"x", "disable", "Disable Option-82"}}},
+        {CONFIG_NODE,
+         {srv,
+          {"relay-reply-port", "relay-reply-port", "Configure relay reply port"},
+          {"67", "67", "Reply to the relay at port 67, as RFC 2131 servers do"}}},
+        {CONFIG_NODE,
+         {srv,
+          {"relay-reply-port", "relay-reply-port", ""},
+          {"68", "68", "Reply to the relay at port 68 in a broadcast frame (default)"}}},
         {CONFIG_NODE,
          {srv,
           {"pool", "pool", "Configure dhcp address pool"},
@@ -1124,10 +1167,36 @@ TEST_F(Server, ChoiceWordsAreOfferedWithTheirHelp) {
     ASSERT_EQ(got.size(), 2u);
     EXPECT_EQ(got[0].word + "=" + got[0].help, "disable=Disable Option-82");
     EXPECT_EQ(got[1].word + "=" + got[1].help, "enable=Enable Option-82");
+    got = cmd_describe_command("dhcp-server relay-reply-port ", v.get(), &status);
+    ASSERT_EQ(got.size(), 2u);
+    EXPECT_EQ(got[0].word + "=" + got[0].help,
+              "67=Reply to the relay at port 67, as RFC 2131 servers do");
+    EXPECT_EQ(got[1].word + "=" + got[1].help,
+              "68=Reply to the relay at port 68 in a broadcast frame (default)");
     got = cmd_describe_command("show dhcp-server lease ", v.get(), &status);
     ASSERT_EQ(got.size(), 2u);
     EXPECT_EQ(got[0].word + "=" + got[0].help, "A.B.C.D=Specify ip lease information");
     EXPECT_EQ(got[1].word, "<cr>");
+}
+
+TEST_F(Server, TabCompletesTheRelayReplyPortWords) {
+    run("configure terminal");
+    const struct {
+        const char *line;
+        int status;
+        std::vector<std::string> words;
+    } cases[] = {
+        {"dhcp-server re", CMD_SUCCESS, {"relay-reply-port"}},
+        {"dhcp-server relay-reply-port ", CMD_SUCCESS, {"67", "68"}},
+        {"dhcp-server relay-reply-port 6", CMD_SUCCESS, {"67", "68"}},
+        {"dhcp-server relay-reply-port 68", CMD_SUCCESS, {"68"}},
+        {"dhcp-server relay-reply-port 7", CMD_ERR_NO_MATCH, {}},
+    };
+    for (const auto &c : cases) {
+        int status = -1;
+        EXPECT_EQ(cmd_complete_command(c.line, v.get(), &status), c.words) << c.line;
+        EXPECT_EQ(status, c.status) << c.line;
+    }
 }
 
 // ---- sessions ----
