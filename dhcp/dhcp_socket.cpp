@@ -308,7 +308,7 @@ int dhcp_recvmsg(int fd, dhcp_packet *packet, int *len, std::uint32_t *local) {
 
 int dhcp_send_raw_packet(const dhcp_packet &packet, std::uint32_t src_ip, std::uint16_t src_port,
                          std::uint32_t dst_ip, std::uint16_t dst_port, const std::uint8_t *dst_mac,
-                         int ifindex) {
+                         int ifindex, std::size_t size) {
     if (dhcp_raw_send_socket() < 0) {
         zlog_err("socket(%s)", "PACKET");
         return -1;
@@ -331,7 +331,11 @@ int dhcp_send_raw_packet(const dhcp_packet &packet, std::uint32_t src_ip, std::u
 
     // IP + UDP + the message up to and including its end marker: the
     // standard 548-byte message less its unused option bytes.
-    const std::size_t used = sendable_end(packet) + 1;  // option bytes on the wire
+    const std::size_t headers = sizeof(dhcp_ip_header) + sizeof(dhcp_udp_header);
+    const std::size_t used =  // option bytes on the wire
+        size == 0 ? sendable_end(packet) + 1
+                  : std::clamp(size, headers + DHCP_FIXED_SIZE, headers + sizeof(dhcp_packet)) -
+                        headers - DHCP_FIXED_SIZE;
     const std::size_t udp_len = sizeof(dhcp_udp_header) + DHCP_FIXED_SIZE + used;
     const std::size_t total = sizeof(dhcp_ip_header) + udp_len;
 

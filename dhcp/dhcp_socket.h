@@ -122,12 +122,14 @@ class dhcp_port67_ref {
 int dhcp_recvmsg(int fd, dhcp_packet *packet, int *len, std::uint32_t *local);
 
 // Sends the message as one IPv4/UDP frame out of interface `ifindex` to the
-// 6-byte `dst_mac`, up to its end marker (269 to 576 bytes for messages
-// built here). Addresses in network order, ports in host order. Bytes sent,
-// or -1.
+// 6-byte `dst_mac`. `size` is the IPv4 datagram's size (headers and
+// message); 0 sends the message up to its end marker (269 to 576 bytes for
+// messages built here). A given size is kept within the fixed part and the
+// record (268 to 656 bytes): a relayed reply goes out as long as it came.
+// Addresses in network order, ports in host order. Bytes sent, or -1.
 int dhcp_send_raw_packet(const dhcp_packet &packet, std::uint32_t src_ip, std::uint16_t src_port,
                          std::uint32_t dst_ip, std::uint16_t dst_port, const std::uint8_t *dst_mac,
-                         int ifindex);
+                         int ifindex, std::size_t size = 0);
 
 // Sends the message up to its end marker through the kernel's UDP stack.
 // Bytes written, or -1.

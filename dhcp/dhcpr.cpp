@@ -63,12 +63,12 @@ ssize_t send_udp(int sock, std::span<const std::uint8_t> datagram, const sockadd
                     reinterpret_cast<const sockaddr *>(&to), sizeof to);
 }
 
-// The message layer's raw sender puts the message on the wire up to its end
-// marker; the datagram size is the same for every message built that way.
+// A reply goes to the client as long as it came from the server.
 int send_raw(const dhcp_packet &packet, std::uint32_t src_ip, std::uint16_t src_port,
              std::uint32_t dst_ip, std::uint16_t dst_port, const std::uint8_t *dst_mac, int ifindex,
-             int) {
-    return dhcp_send_raw_packet(packet, src_ip, src_port, dst_ip, dst_port, dst_mac, ifindex);
+             int size) {
+    return dhcp_send_raw_packet(packet, src_ip, src_port, dst_ip, dst_port, dst_mac, ifindex,
+                                static_cast<std::size_t>(size));
 }
 
 std::uint32_t monotonic_sec() {
@@ -313,12 +313,12 @@ void close_server_socket() {
 }
 
 int relay_on() {
-    const int client = dhcp_listen_socket(INADDR_ANY, DHCP_SERVER_PORT, nullptr);
-    if (client < 0) {
+    dhcpr_state.client_sock = dhcp_port67_ref(dhcp_port67_role::drain);
+    if (!dhcpr_state.client_sock) {
         zlog_err("dhcp-relay failed to init RecvClient socket");
         return -1;
     }
-    dhcpr_state.client_sock.reset(client);
+    const int client = dhcpr_state.client_sock.get();
     dhcpr_state.client_read = thread_add_read(relay_master, dhcpr_recv_client, nullptr, client);
     const int server = dhcp_listen_socket(INADDR_ANY, DHCP_CLIENT_PORT, nullptr);
     if (server < 0) {
@@ -639,7 +639,9 @@ int dhcpr_request_socket() {
 
 int dhcpr_recv_client(thread *t) {
     const int fd = THREAD_FD(t);
-    drain(fd);
+    if (dhcp_port67_drain(fd) != 0) {
+        zlog_warn("dhcp_recvmsg fail!");
+    }
     dhcpr_state.client_read = thread_add_read(relay_master, dhcpr_recv_client, nullptr, fd);
     return 0;
 }

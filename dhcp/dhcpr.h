@@ -33,6 +33,7 @@
 #include <memory>
 #include <span>
 
+#include "dhcp/dhcp_socket.h"
 #include "lib/sockunion.h"
 #include "lib/unique_fd.h"
 
@@ -91,9 +92,9 @@ struct dhcpr_if_info {
 // on and closed (invalid) while it is off.
 struct dhcpr_global_state {
     std::uint32_t enable = 0;
-    unique_fd client_sock;  // port 67, "RecvClient"
-    unique_fd server_sock;  // port 68, "RecvServer"; requests leave from it
-    int netlink_fd = 0;     // copy of hal_netlink_async while on
+    dhcp_port67_ref client_sock;  // port 67, "RecvClient": shared with the server
+    unique_fd server_sock;        // port 68, "RecvServer"; requests leave from it
+    int netlink_fd = 0;           // copy of hal_netlink_async while on
     thread *client_read = nullptr;
     thread *server_read = nullptr;
     thread *netlink_read = nullptr;

@@ -517,6 +517,22 @@ TEST_F(RawSend, NoEndMarkerSendsWholeRecord) {
     expect_valid_udp(next_frame(), 656);
 }
 
+TEST_F(RawSend, AGivenSizeIsSentWithinTheRecord) {
+    dhcp_packet p;
+    dhcp_init_header(p, DHCPOFFER);
+    dhcp_add_simple_option(p, DHCP_SERVER_ID, htonl(0x7f000001));
+    const std::uint32_t lo = htonl(INADDR_LOOPBACK);
+    // {size asked, size sent}: padding after the end marker goes too; too
+    // short keeps the fixed part, too long stops at the record's end.
+    const std::pair<std::size_t, int> cases[] = {
+        {348, 348}, {269 + 7, 269 + 7}, {10, 268}, {5000, 656}};
+    for (const auto &[asked, sent] : cases) {
+        SCOPED_TRACE(asked);
+        EXPECT_EQ(dhcp_send_raw_packet(p, lo, 67, lo, dst_port, mac, 1, asked), sent);
+        expect_valid_udp(next_frame(), static_cast<std::size_t>(sent));
+    }
+}
+
 TEST_F(RawSend, PacketDebugLogsTheCall) {
     dhcp_packet p;
     dhcp_init_header(p, DHCPNAK);
