@@ -230,16 +230,8 @@ std::vector<std::unique_ptr<dhcpr_if_info>> &bindings() {
 
 // ---- small helpers ----
 
-struct ip_text {
-    char buf[INET_ADDRSTRLEN] = {};
-};
-
-ip_text ntoa(std::uint32_t nip) {
-    ip_text t;
-    in_addr a{};
-    a.s_addr = nip;
-    inet_ntop(AF_INET, &a, t.buf, sizeof t.buf);
-    return t;
+ipv4_text_buf ntoa(std::uint32_t nip) {
+    return ipv4_text(nip);
 }
 
 // Whether `ifp` is still in the interface table. Compares handles only, so

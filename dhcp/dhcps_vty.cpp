@@ -40,19 +40,11 @@ constexpr std::uint32_t DEFAULT_MAX_LEASE_NUM = 4096;
 // back, just as the circuit-id count keeps a deleted pool's entries.
 std::size_t static_total = 0;
 
-struct ip_text {
-    char buf[INET_ADDRSTRLEN] = {};
-};
-
-ip_text ntoa(std::uint32_t nip) {
-    ip_text t;
-    in_addr a{};
-    a.s_addr = nip;
-    inet_ntop(AF_INET, &a, t.buf, sizeof t.buf);
-    return t;
+ipv4_text_buf ntoa(std::uint32_t nip) {
+    return ipv4_text(nip);
 }
 
-ip_text ntoa_host(std::uint32_t hip) {
+ipv4_text_buf ntoa_host(std::uint32_t hip) {
     return ntoa(htonl(hip));
 }
 
@@ -161,7 +153,7 @@ void write_option(vty *vty, const option_set &opt) {
     if (v.size() < 4) {
         return;
     }
-    const ip_text first = ntoa(load_nip(v));
+    const auto first = ntoa(load_nip(v));
     switch (opt.code()) {
         case DHCP_ROUTER:
             vty_out(vty, " default-router %s%s", first.buf, VTY_NEWLINE);

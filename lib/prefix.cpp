@@ -191,3 +191,11 @@ in_addr_t ipv4_broadcast_addr(in_addr_t hostaddr, int masklen) {
     // A /31 or /32 has no broadcast address of its own: all ones.
     return masklen <= 30 ? (hostaddr & mask.s_addr) | ~mask.s_addr : 0xffffffffu;
 }
+
+ipv4_text_buf ipv4_text(std::uint32_t nip) {
+    ipv4_text_buf t;
+    in_addr a{};
+    a.s_addr = nip;
+    inet_ntop(AF_INET, &a, t.buf, sizeof t.buf);
+    return t;
+}

@@ -36,6 +36,14 @@ struct prefix_ipv6 {
 static_assert(sizeof(prefix_ipv4) <= sizeof(prefix));
 static_assert(offsetof(prefix_ipv4, prefix) == offsetof(prefix, u));
 
+// Dotted-quad text of an IPv4 address, held by value so a format can take
+// several at once: ipv4_text(nip).buf.
+struct ipv4_text_buf {
+    char buf[INET_ADDRSTRLEN] = {};
+};
+// `nip` in network byte order.
+ipv4_text_buf ipv4_text(std::uint32_t nip);
+
 constexpr int IPV4_MAX_BITLEN = 32;
 constexpr int IPV6_MAX_BITLEN = 128;
 constexpr int PREFIX_STRLEN = 51;  // room for an IPv6 prefix text
