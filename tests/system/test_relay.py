@@ -6,7 +6,8 @@ vlanif20 (10.20.0.2/24) on its swp1, the other end of the cable, and a route
 to 192.168.10.0/24 through the relay switch. On it runs our dhcpd as the
 server (real clients), Kea (interop), or nothing but this test, which then
 plays the server: it captures what the relay forwards on the server switch's
-port and answers with frames of its own.
+port and answers with frames of its own. For interop the other way round,
+ISC dhcrelay takes our relay's place, with our server behind it.
 
 No verdict waits on the clock. That something was not forwarded (or not
 delivered) is shown by a marker sent after it: the marker has to be the next
@@ -814,9 +815,10 @@ def test_udhcpc_through_dhcrelay_to_our_server_at_port_67(lab, tmp_path):
     bound = udhcpc_once(lab, tmp_path, 3, 30)
     assert bound == [f"bound ip=192.168.10.100 router={RELAY_IP} dns=8.8.8.8 lease={LEASE}"], \
         (bound, log_path.read_text())
-    rows = [l.split() for l in lab.server.sh("show dhcp-server lease").stdout.splitlines()
-            if l.startswith("192.168.10.100 ")]
-    assert len(rows) == 1 and rows[0][2] == str(LEASE), rows
+    out = lab.server.sh("show dhcp-server lease").stdout
+    rows = [l.split() for l in out.splitlines() if l.startswith("192.168.10.100 ")]
+    assert len(rows) == 1 and rows[0][1:3] == ["02-00-00-00-0a-03", str(LEASE)], out
+    assert out.endswith("\nTotal: 1 leases match.\n"), out
     assert lab.server.proc.poll() is None
 
     assert relay.poll() is None, log_path.read_text()
