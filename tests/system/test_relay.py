@@ -6,7 +6,8 @@ vlanif20 (10.20.0.2/24) on its swp1, the other end of the cable, and a route
 to 192.168.10.0/24 through the relay switch. On it runs our dhcpd as the
 server (real clients), Kea (interop), or nothing but this test, which then
 plays the server: it captures what the relay forwards on the server switch's
-port and answers with frames of its own.
+port and answers with frames of its own. For interop the other way round,
+ISC dhcrelay takes our relay's place, with our server behind it.
 
 No verdict waits on the clock. That something was not forwarded (or not
 delivered) is shown by a marker sent after it: the marker has to be the next
@@ -765,3 +766,62 @@ def test_kea_behind_our_relay_at_the_default_port_gets_nothing(lab, tmp_path):
     bound = udhcpc_once(lab, tmp_path, 1, 8)
     lab.relay.wait_log("dhcpr_get_if_relay fail!")
     assert bound == []
+
+
+# ---- ISC dhcrelay in the relay switch, our server behind it ----
+
+RELAY_REPLY_67 = "dhcp-server relay-reply-port 67\n"
+
+
+def start_dhcrelay(lab):
+    """dhcrelay in the foreground on both VLANs of the relay switch, in
+    place of our relay; its output goes to dhcrelay.log."""
+    log_path = lab.tmp / "dhcrelay.log"
+    log = open(log_path, "w")
+    proc = subprocess.Popen(["ip", "netns", "exec", lab.relay_sw.ns.name, "dhcrelay", "-4", "-d",
+                             "-pf", str(lab.tmp / "dhcrelay.pid"), "-i", "vlanif10", "-i",
+                             "vlanif20", SERVER_IP], stdout=log, stderr=subprocess.STDOUT)
+    log.close()
+    lab.peers.append(proc)
+    return proc, log_path
+
+
+def dhcrelay_started(log_path):
+    """Listening on both VLANs, and its fallback socket (the last line it
+    prints at start) open."""
+    lines = log_path.read_text().splitlines()
+    return all(any(l.startswith(f"Listening on LPF/{n}/") for l in lines)
+               for n in ("vlanif10", "vlanif20")) and "Sending on   Socket/fallback" in lines
+
+
+@pytest.mark.skipif(not os.path.exists("/usr/sbin/dhcrelay"), reason="dhcrelay not installed")
+def test_udhcpc_through_dhcrelay_to_our_server_at_port_67(lab, tmp_path):
+    lab.server = Daemon(lab.server_sw.ns, lab.tmp).wait_ready()
+    configure(lab.server, *SERVER_SETUP)
+    # The default (68) writes no line.
+    default = lab.server.sh("show running-config").stdout
+    assert "relay-reply-port" not in default, default
+    configure(lab.server, "configure terminal", RELAY_REPLY_67.strip())
+    written = lab.server.sh("show running-config").stdout
+    assert written.count(RELAY_REPLY_67) == 1 and \
+        written.replace(RELAY_REPLY_67, "") == default, written
+    assert written.index(RELAY_REPLY_67) < written.index("dhcp-server pool "), written
+
+    relay, log_path = start_dhcrelay(lab)
+    wait_until(lambda: relay.poll() is not None or dhcrelay_started(log_path), 30,
+               what="dhcrelay started")
+    assert relay.poll() is None and dhcrelay_started(log_path), log_path.read_text()
+
+    bound = udhcpc_once(lab, tmp_path, 3, 30)
+    assert bound == [f"bound ip=192.168.10.100 router={RELAY_IP} dns=8.8.8.8 lease={LEASE}"], \
+        (bound, log_path.read_text())
+    out = lab.server.sh("show dhcp-server lease").stdout
+    rows = [l.split() for l in out.splitlines() if l.startswith("192.168.10.100 ")]
+    assert len(rows) == 1 and rows[0][1:3] == ["02-00-00-00-0a-03", str(LEASE)], out
+    assert out.endswith("\nTotal: 1 leases match.\n"), out
+    assert lab.server.proc.poll() is None
+
+    assert relay.poll() is None, log_path.read_text()
+    relay.terminate()
+    relay.wait(10)
+    assert relay.returncode == -signal.SIGTERM, (relay.returncode, log_path.read_text())
