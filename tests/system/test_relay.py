@@ -25,6 +25,7 @@ import pytest
 from scapy.all import BOOTP, DHCP, IP, TCP, UDP, Dot1Q, Ether, IPOption_NOP
 
 from conftest import Daemon, Switch, run, stop_all, wait_until
+from test_clients import event_with, lease_line
 from msgutil import in_netns
 
 RELAY_IP = "192.168.10.1"
@@ -597,23 +598,6 @@ def served(lab):
     configure(lab.server, *SERVER_SETUP)
     lab.start_relay()
     return lab
-
-
-def events(path):
-    try:
-        return open(path).read().splitlines()
-    except FileNotFoundError:
-        return []
-
-
-def event_with(path, prefix):
-    return [e for e in events(path) if e.startswith(prefix)]
-
-
-def lease_line(d, ip):
-    rows = [l for l in d.sh(f"show dhcp-server lease {ip}").stdout.splitlines()
-            if l.startswith(ip + " ")]
-    return rows[0].split() if rows else None
 
 
 def released(d, ip):
