@@ -16,8 +16,14 @@
 // The callback given to jserver_init() is called once per complete request,
 // inside one event-loop callback, with the connection's descriptor and the
 // request text (not NUL-terminated; `len` bytes). It parses the text, calls
-// jserver_cmd_handle() and writes the reply to the descriptor itself; the
-// server closes the connection after it returns.
+// jserver_cmd_handle() and hands the reply to jserver_reply(). The server
+// closes the connection once the reply is sent (at once when there is none).
+//
+// Replies go through jserver_reply() rather than a plain write(): a full lease
+// page is larger than a socket buffer, and a client that does not read must
+// never block the daemon. What cannot be written at once is kept and sent as
+// the client reads; a client that reads nothing for JSERVER_IDLE_SECONDS is
+// closed.
 //
 // jserver_cmd_handle() picks the handler registered under the request's "cmd"
 // and runs it. A null tree (the text did not parse), a tree that is not an
@@ -61,6 +67,11 @@ void jserver_close();
 int jserver_cmd_add(const char *name, jserver_handler_fn handler);
 // Forgets every registered request (tests).
 void jserver_cmd_reset();
+
+// Sends `len` bytes of `data` as the reply on connection `fd` (the descriptor
+// the callback got); the bytes are copied. 0, or -1 when `fd` is not a
+// connection of this server waiting for its reply.
+int jserver_reply(int fd, const char *data, std::size_t len);
 
 // Dispatches `root` (may be null): *len gets the reply's length, whose bytes
 // are in `response` (at most `size` bytes; an error reply always fits in 64).
