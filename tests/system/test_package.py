@@ -34,7 +34,7 @@ CONTENTS = {
     "./usr/share/man/man8/dhcpd.8.gz",
 }
 # Libraries the binaries link, as the packaging tools found them.
-LIBRARY_PACKAGES = ("libc6", "libcjson1", "libevent-2.1-7", "libmnl0", "libreadline8",
+LIBRARY_PACKAGES = ("libc6", "libevent-2.1-7", "libmnl0", "libreadline8",
                     "libstdc++6")
 
 
@@ -86,7 +86,7 @@ def test_lintian_finds_no_errors(deb):
 @pytest.mark.parametrize("page,title", [("usr/share/man/man8/dhcpd.8.gz", "DHCPD(8)"),
                                         ("usr/share/man/man1/dhcpsh.1.gz", "DHCPSH(1)")])
 def test_manual_pages_render_without_warnings(root, page, title):
-    env = dict(os.environ, MANWIDTH="80", MAN_KEEP_FORMATTING="0")
+    env = dict(os.environ, MANWIDTH="80")
     r = run(["man", "--warnings", "-l", str(root / page)], env=env)
     assert r.stderr == ""
     assert r.stdout.splitlines()[0].startswith(title)
@@ -177,7 +177,7 @@ def replay_command(text):
 
 
 POOL = ["configure terminal",
-        "dhcp-server pool vlan10", "network 192.168.10.0/24", "default-router 192.168.10.1",
+        "dhcp-server pool vlan10", "default-router 192.168.10.1", "network 192.168.10.0/24",
         "begin-ip 192.168.10.100 end-ip 192.168.10.199", "dns-server 192.168.10.1",
         "lease 3600", "exit", "dhcp-server enable",
         f"log file /var/log/dhcpd/dhcpd.log"]
@@ -227,8 +227,7 @@ def test_packaged_daemon_serves_saves_and_boots_with_its_configuration(
         config = first.sh("show running-config").stdout
     finally:
         first.stop()
-    assert (flash / "dhcpd.conf").read_text() in config + "\n" or \
-        "dhcp-server pool vlan10" in (flash / "dhcpd.conf").read_text()
+    assert (flash / "dhcpd.conf").read_text() == config
 
     second = Daemon(switch.ns, tmp_path, prelude=PRELUDE, mnt_dir=flash)
     try:
