@@ -265,3 +265,52 @@ def test_replay_step_without_a_saved_configuration(root, netns, tmp_path, monkey
         assert d.sh("show running-config").stdout == before
     finally:
         d.stop()
+
+
+# A command's leading keywords: the words before its first value or choice.
+VALUE = re.compile(r"^([A-Z]|\.|<|\()")
+
+
+def keywords(command):
+    words = []
+    for w in command.split():
+        if VALUE.match(w):
+            break
+        words.append(w)
+    return " ".join(words)
+
+
+def documented(page, command):
+    """The command's keywords are in the page as they stand, or with the last
+    one among a choice: "debug dhcp (events|packet|...)"."""
+    words = keywords(command).split()
+    phrase = rf"(^| ){re.escape(' '.join(words))}(?![\w-])"
+    head, last = " ".join(words[:-1]), re.escape(words[-1])
+    choice = rf"(^| ){re.escape(head)} \(([^ )]*\|)?{last}(\|[^ )]*)?\)"
+    return re.search(phrase, page) is not None or \
+        (len(words) > 1 and re.search(choice, page) is not None)
+
+
+def test_dhcpsh_page_documents_every_command(root, switch, tmp_path, monkeypatch):
+    """Every command the daemon lists, in every node, is in dhcpsh(1)."""
+    monkeypatch.setattr(conftest, "DHCPD", f"{root}/usr/sbin/dhcpd")
+    monkeypatch.setattr(conftest, "DHCPSH", root / "usr/bin/dhcpsh")
+    switch.vlan(10, "192.168.10.1/24")
+    env = dict(os.environ, MANWIDTH="300")
+    page = run(["man", "-l", str(root / "usr/share/man/man1/dhcpsh.1.gz")], env=env).stdout
+    page = re.sub(r"\s+", " ", page)
+    d = Daemon(switch.ns, tmp_path)
+    try:
+        d.wait_ready()
+        nodes = [[], ["configure terminal"], ["configure terminal", "interface vlanif10"],
+                 ["configure terminal", "dhcp-server pool p"]]
+        missing = []
+        for enter in nodes:
+            r = d.sh(*enter, "list")
+            assert r.returncode == 0, r.stdout
+            for command in r.stdout.splitlines():
+                if not documented(page, command):
+                    missing.append(command)
+        assert missing == [], "not in doc/dhcpsh.1: " + ", ".join(missing)
+    finally:
+        d.stop()
