@@ -251,9 +251,11 @@ def test_packaged_daemon_serves_saves_and_boots_with_its_configuration(
 
 
 def test_replay_step_without_a_saved_configuration(root, netns, tmp_path, monkeypatch):
-    """A switch that never saved: the replay step succeeds and changes nothing."""
+    """A switch that never saved: the replay step succeeds and changes nothing.
+    Then server and relay open their sockets with the unit's capabilities."""
     _, unit = unit_for(root, tmp_path)
-    monkeypatch.setattr(conftest, "DHCPD", f"{root}/usr/sbin/dhcpd")
+    monkeypatch.setattr(conftest, "DHCPD",
+                        f"setpriv --bounding-set={bounding_set(unit)} {root}/usr/sbin/dhcpd")
     monkeypatch.setattr(conftest, "DHCPSH", root / "usr/bin/dhcpsh")
     d = Daemon(netns, tmp_path)
     try:
@@ -263,6 +265,11 @@ def test_replay_step_without_a_saved_configuration(root, netns, tmp_path, monkey
                 timeout=120)
         assert (r.returncode, r.stdout, r.stderr) == (0, "", "")
         assert d.sh("show running-config").stdout == before
+        r = d.sh("configure terminal", "dhcp-server enable", "dhcp-relay enable")
+        assert (r.returncode, r.stdout) == (0, "")
+        d.wait_log("dhcpd: info: Opening listen socket on *:67")
+        d.wait_log("dhcpd: info: Opening listen socket on *:68")
+        assert ": err: " not in d.log()
     finally:
         d.stop()
 
