@@ -1,7 +1,6 @@
 """Log rotation: "log file PATH" sends the log to a file, and SIGUSR1 makes
 the daemon reopen it by name, so after the file was renamed (by hand or by
 the package's logrotate snippet) the daemon writes to a new one."""
-import pathlib
 import shutil
 import signal
 

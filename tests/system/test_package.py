@@ -10,7 +10,6 @@ so the unit's hardening is known to leave the daemon what it needs."""
 import os
 import pathlib
 import re
-import shutil
 import signal
 import subprocess
 
@@ -180,7 +179,7 @@ POOL = ["configure terminal",
         "dhcp-server pool vlan10", "default-router 192.168.10.1", "network 192.168.10.0/24",
         "begin-ip 192.168.10.100 end-ip 192.168.10.199", "dns-server 192.168.10.1",
         "lease 3600", "exit", "dhcp-server enable",
-        f"log file /var/log/dhcpd/dhcpd.log"]
+        "log file /var/log/dhcpd/dhcpd.log"]
 PRELUDE = "mount -t tmpfs tmpfs /var/log && mkdir /var/log/dhcpd && "
 
 
