@@ -518,6 +518,11 @@ TEST_F(Jserver, ClientThatNeverReadsIsClosedWhenIdle) {
         thread_run_once(master_, 0);
     }
     EXPECT_EQ(jserver_conn_count(), 1u);
+    // Others are served meanwhile.
+    const std::string stuck_reply = *cb.reply;
+    cb.reply = "{}";
+    EXPECT_EQ(exchange("{\"cmd\":\"y\"}"), "{}");
+    cb.reply = stuck_reply;
     EXPECT_EQ(thread_timer_intervals(master_), std::vector<long>{JSERVER_IDLE_SECONDS * 1000L});
 
     EXPECT_EQ(thread_fire_timers(master_), 1);
