@@ -919,8 +919,7 @@ dhcpr_outcome pass_to_server(dhcp_packet &packet, int len, std::uint32_t gateway
 }
 
 // The request path, to its outcome.
-dhcpr_outcome relay_request(dhcp_packet &packet, int len, std::uint32_t port,
-                            std::uint16_t vlan) {
+dhcpr_outcome relay_request(dhcp_packet &packet, int len, std::uint32_t port, std::uint16_t vlan) {
     if (packet.hops > DHCPR_MAX_HOPS) {
         zlog_err("hops is %d, more than maximum hops %d", packet.hops, DHCPR_MAX_HOPS);
         return dhcpr_outcome::hops_exceeded;

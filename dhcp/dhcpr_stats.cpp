@@ -39,9 +39,9 @@ struct name_pair {
 };
 
 constexpr name_pair req_names[DHCPR_REQ_COUNT] = {
-    {"DISCOVER received", "discover"},     {"REQUEST received", "request"},
-    {"DECLINE received", "decline"},       {"RELEASE received", "release"},
-    {"INFORM received", "inform"},         {"other request received", "other"},
+    {"DISCOVER received", "discover"}, {"REQUEST received", "request"},
+    {"DECLINE received", "decline"},   {"RELEASE received", "release"},
+    {"INFORM received", "inform"},     {"other request received", "other"},
 };
 
 constexpr name_pair rep_names[DHCPR_REP_COUNT] = {

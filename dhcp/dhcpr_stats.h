@@ -32,18 +32,18 @@ enum class dhcpr_outcome : std::uint8_t {
     forwarded,  // a request sent to the server
     delivered,  // a reply sent to the client
     // Dropped, one value per reason (in display order).
-    hops_exceeded,          // request: hops 9 or more
-    no_relay_address,       // request: no address on the ingress VLAN
-    no_relay_record,        // no relay record for the relay's address
-    relay_not_enabled,      // the relay record is not enabled
-    option82_present,       // request: option 82 present with strategy drop
-    wrong_request_type,     // request: not DISCOVER, REQUEST, DECLINE, RELEASE, INFORM
-    no_client_interface,    // no client interface to remember or deliver to
-    send_failed,            // request: the server send fell short
-    untrusted_port,         // reply: from an untrusted port with snooping on
-    no_transaction,         // reply: no request with its xid
-    wrong_reply_type,       // reply: not OFFER, ACK or NAK
-    no_server_id,           // reply: no server identifier
+    hops_exceeded,        // request: hops 9 or more
+    no_relay_address,     // request: no address on the ingress VLAN
+    no_relay_record,      // no relay record for the relay's address
+    relay_not_enabled,    // the relay record is not enabled
+    option82_present,     // request: option 82 present with strategy drop
+    wrong_request_type,   // request: not DISCOVER, REQUEST, DECLINE, RELEASE, INFORM
+    no_client_interface,  // no client interface to remember or deliver to
+    send_failed,          // request: the server send fell short
+    untrusted_port,       // reply: from an untrusted port with snooping on
+    no_transaction,       // reply: no request with its xid
+    wrong_reply_type,     // reply: not OFFER, ACK or NAK
+    no_server_id,         // reply: no server identifier
     count
 };
 

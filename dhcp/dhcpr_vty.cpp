@@ -5,7 +5,6 @@
 #include <cstring>
 
 #include "dhcp/dhcpr.h"
-#include "dhcp/dhcpr_stats.h"
 #include "lib/command.h"
 #include "lib/if.h"
 #include "lib/sockunion.h"
@@ -253,7 +252,6 @@ void dhcpr_vty_init() {
     for (int node : {CONFIG_NODE, ENABLE_NODE, DHCPR_NODE}) {
         install_element(node, &show_dhcp_relay_cmd);
     }
-    dhcpr_stats_vty_init();
 }
 
 int dhcpr_remote_server_set(vty *vty, interface *ifp, const char *address) {

@@ -305,7 +305,7 @@ dhcps_outcome no_pool_reason(std::uint32_t key, const dhcp_option82 &circuit) {
     }
     const dhcp_option82 none{};
     return dhcps_lookup_by_network(key, &none) != nullptr ? dhcps_outcome::circuit_id_not_allowed
-                                                           : dhcps_outcome::no_pool;
+                                                          : dhcps_outcome::no_pool;
 }
 
 // Header checks and pool choice (with option 82 when it is handled).

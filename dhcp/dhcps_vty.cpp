@@ -16,7 +16,6 @@
 #include "dhcp/dhcps.h"
 #include "dhcp/dhcps_leases.h"
 #include "dhcp/dhcps_pool.h"
-#include "dhcp/dhcps_stats.h"
 #include "lib/command.h"
 #include "lib/log.h"
 #include "lib/prefix.h"
@@ -440,7 +439,6 @@ void dhcps_vty_init() {
             install_element(node, cmd);
         }
     }
-    dhcps_stats_vty_init();
 }
 
 // ---- writers and displays ----

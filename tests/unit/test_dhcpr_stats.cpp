@@ -391,82 +391,138 @@ std::vector<Case> cases() {
         }
     };
     return {
-        {"forwarded", none, [](R &, int) { return request(discover()); }, 0, 10,
+        {"forwarded",
+         none,
+         [](R &, int) { return request(discover()); },
+         0,
+         10,
          {req(dhcpr_req::discover), FWD}},
-        {"delivered", discovers,
-         [](R &, int i) { return reply(offer(0x10u + static_cast<std::uint32_t>(i))); }, 0, 10,
+        {"delivered",
+         discovers,
+         [](R &, int i) { return reply(offer(0x10u + static_cast<std::uint32_t>(i))); },
+         0,
+         10,
          {rep(dhcpr_rep::offer), DELIVERED}},
-        {"hops_exceeded", none, [](R &, int) { return request(discover().hops(9)); }, -1, 10,
+        {"hops_exceeded",
+         none,
+         [](R &, int) { return request(discover().hops(9)); },
+         -1,
+         10,
          {req(dhcpr_req::discover), drop(dhcpr_outcome::hops_exceeded)}},
-        {"no_relay_address", none,
+        {"no_relay_address",
+         none,
          [](R &, int) {
              Trap t;
              t.vlan = 30;
              return request(discover(), t);
          },
-         -7, 30, {req(dhcpr_req::discover), drop(dhcpr_outcome::no_relay_address)}},
-        {"no_relay_record", none,
+         -7,
+         30,
+         {req(dhcpr_req::discover), drop(dhcpr_outcome::no_relay_address)}},
+        {"no_relay_record",
+         none,
          [](R &, int) {
              Trap t;
              t.vlan = 20;
              return request(discover(), t);
          },
-         -1, 20, {req(dhcpr_req::discover), drop(dhcpr_outcome::no_relay_record)}},
-        {"relay_not_enabled", [](R &r) { r.rec().enable = 0; },
-         [](R &, int) { return request(discover()); }, -1, 10,
+         -1,
+         20,
+         {req(dhcpr_req::discover), drop(dhcpr_outcome::no_relay_record)}},
+        {"relay_not_enabled",
+         [](R &r) { r.rec().enable = 0; },
+         [](R &, int) { return request(discover()); },
+         -1,
+         10,
          {req(dhcpr_req::discover), drop(dhcpr_outcome::relay_not_enabled)}},
-        {"option82_present", [](R &r) { r.opt82(DHCPR_OPT82_DROP); },
-         [](R &, int) { return request(discover().opt(DHCP_RELAY_AGENT_INFO, {1, 1, 'x'})); }, -3,
-         10, {req(dhcpr_req::discover), drop(dhcpr_outcome::option82_present)}},
-        {"wrong_request_type", none,
-         [](R &, int) { return request(Msg(BOOTREQUEST, DHCPACK, 0x77)); }, 0, 10,
+        {"option82_present",
+         [](R &r) { r.opt82(DHCPR_OPT82_DROP); },
+         [](R &, int) {
+             return request(discover().opt(DHCP_RELAY_AGENT_INFO, {1, 1, 'x'}));
+         },
+         -3,
+         10,
+         {req(dhcpr_req::discover), drop(dhcpr_outcome::option82_present)}},
+        {"wrong_request_type",
+         none,
+         [](R &, int) { return request(Msg(BOOTREQUEST, DHCPACK, 0x77)); },
+         0,
+         10,
          {req(dhcpr_req::other), drop(dhcpr_outcome::wrong_request_type)}},
-        {"send_failed", [](R &) { server_send_result = 10; },
-         [](R &, int) { return request(discover()); }, 0, 10,
+        {"send_failed",
+         [](R &) { server_send_result = 10; },
+         [](R &, int) { return request(discover()); },
+         0,
+         10,
          {req(dhcpr_req::discover), drop(dhcpr_outcome::send_failed)}},
-        {"no_transaction", none, [](R &, int) { return reply(offer(0x99)); }, 0, 20,
+        {"no_transaction",
+         none,
+         [](R &, int) { return reply(offer(0x99)); },
+         0,
+         20,
          {rep(dhcpr_rep::offer), drop(dhcpr_outcome::no_transaction)}},
         {"reply_relay_not_enabled",
          [=](R &r) {
              discovers(r);
              r.rec().enable = 0;
          },
-         [](R &, int i) { return reply(offer(0x10u + static_cast<std::uint32_t>(i))); }, 0, 10,
+         [](R &, int i) { return reply(offer(0x10u + static_cast<std::uint32_t>(i))); },
+         0,
+         10,
          {rep(dhcpr_rep::offer), drop(dhcpr_outcome::relay_not_enabled)}},
-        {"wrong_reply_type", discovers,
+        {"wrong_reply_type",
+         discovers,
          [](R &, int i) {
              return reply(offer(0x10u + static_cast<std::uint32_t>(i), DHCPRELEASE));
          },
-         0, 10, {rep(dhcpr_rep::other), drop(dhcpr_outcome::wrong_reply_type)}},
-        {"no_server_id", discovers,
+         0,
+         10,
+         {rep(dhcpr_rep::other), drop(dhcpr_outcome::wrong_reply_type)}},
+        {"no_server_id",
+         discovers,
          [](R &, int i) {
              Msg m(BOOTREPLY, DHCPOFFER, 0x10u + static_cast<std::uint32_t>(i));
              return reply(m);
          },
-         0, 10, {rep(dhcpr_rep::offer), drop(dhcpr_outcome::no_server_id)}},
-        {"refused_wrong_type", none,
+         0,
+         10,
+         {rep(dhcpr_rep::offer), drop(dhcpr_outcome::no_server_id)}},
+        {"refused_wrong_type",
+         none,
          [](R &, int) {
              Trap t;
              t.type = 2;
              return request(discover(), t);
          },
-         -4, 10, {refused(dhcpr_refusal::wrong_type)}},
-        {"refused_not_udp", none,
+         -4,
+         10,
+         {refused(dhcpr_refusal::wrong_type)}},
+        {"refused_not_udp",
+         none,
          [](R &, int) {
              Trap t;
              t.protocol = 6;
              return request(discover(), t);
          },
-         -1, 10, {refused(dhcpr_refusal::not_udp)}},
-        {"refused_wrong_port", none,
+         -1,
+         10,
+         {refused(dhcpr_refusal::not_udp)}},
+        {"refused_wrong_port",
+         none,
          [](R &, int) {
              Trap t;
              t.dport = 546;
              return request(discover(), t);
          },
-         -1, 10, {refused(dhcpr_refusal::wrong_port)}},
-        {"refused_bad_length", none, [](R &, int) { return request(discover().length(100)); },
-         -1, 10, {refused(dhcpr_refusal::bad_length)}},
+         -1,
+         10,
+         {refused(dhcpr_refusal::wrong_port)}},
+        {"refused_bad_length",
+         none,
+         [](R &, int) { return request(discover().length(100)); },
+         -1,
+         10,
+         {refused(dhcpr_refusal::bad_length)}},
     };
 }
 

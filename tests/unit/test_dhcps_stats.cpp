@@ -163,43 +163,55 @@ std::vector<Case> cases() {
     using S = Stats;
     auto none = [](S &) {};
     return {
-        {"offer_sent", none,
+        {"offer_sent",
+         none,
          [](S &s, int i) {
              Request d(DHCPDISCOVER, static_cast<std::uint8_t>(1 + i));
              return s.handle(d);
          },
-         0, {rx(dhcps_rx::discover), tx(dhcps_tx::offer)}},
-        {"ack_sent", [](S &s) { s.offer(1), s.offer(2); },
+         0,
+         {rx(dhcps_rx::discover), tx(dhcps_tx::offer)}},
+        {"ack_sent",
+         [](S &s) { s.offer(1), s.offer(2); },
          [](S &s, int i) {
              const auto mac = static_cast<std::uint8_t>(1 + i);
              Request r(DHCPREQUEST, mac);
              r.addr(DHCP_REQUESTED_IP, Stats::ip_of(mac).c_str());
              return s.handle(r);
          },
-         0, {rx(dhcps_rx::request), tx(dhcps_tx::ack)}},
-        {"nak_sent", none,
+         0,
+         {rx(dhcps_rx::request), tx(dhcps_tx::ack)}},
+        {"nak_sent",
+         none,
          [](S &s, int) {
              Request r(DHCPREQUEST, 9);
              r.addr(DHCP_REQUESTED_IP, "192.168.1.15");
              return s.handle(r);
          },
-         0, {rx(dhcps_rx::request), tx(dhcps_tx::nak)}},
-        {"inform_sent", none,
+         0,
+         {rx(dhcps_rx::request), tx(dhcps_tx::nak)}},
+        {"inform_sent",
+         none,
          [](S &s, int) {
              Request r(DHCPINFORM, 9);
              r.p.ciaddr = nip("192.168.1.77");
              return s.handle(r);
          },
-         0, {rx(dhcps_rx::inform), tx(dhcps_tx::inform_reply)}},
-        {"declined", [](S &s) { s.bind(1), s.bind(2); },
+         0,
+         {rx(dhcps_rx::inform), tx(dhcps_tx::inform_reply)}},
+        {"declined",
+         [](S &s) { s.bind(1), s.bind(2); },
          [](S &s, int i) {
              const auto mac = static_cast<std::uint8_t>(1 + i);
              Request r(DHCPDECLINE, mac);
-             r.addr(DHCP_SERVER_ID, "192.168.1.1").addr(DHCP_REQUESTED_IP, Stats::ip_of(mac).c_str());
+             r.addr(DHCP_SERVER_ID, "192.168.1.1")
+                 .addr(DHCP_REQUESTED_IP, Stats::ip_of(mac).c_str());
              return s.handle(r);
          },
-         0, {rx(dhcps_rx::decline)}},
-        {"released", [](S &s) { s.bind(1), s.bind(2); },
+         0,
+         {rx(dhcps_rx::decline)}},
+        {"released",
+         [](S &s) { s.bind(1), s.bind(2); },
          [](S &s, int i) {
              const auto mac = static_cast<std::uint8_t>(1 + i);
              Request r(DHCPRELEASE, mac);
@@ -207,93 +219,120 @@ std::vector<Case> cases() {
              r.addr(DHCP_SERVER_ID, "192.168.1.1");
              return s.handle(r);
          },
-         0, {rx(dhcps_rx::release)}},
-        {"bad_hlen", none,
+         0,
+         {rx(dhcps_rx::release)}},
+        {"bad_hlen",
+         none,
          [](S &s, int) {
              Request d(DHCPDISCOVER, 1);
              d.p.hlen = 7;
              return s.handle(d);
          },
-         -1, {rx(dhcps_rx::discover), drop(dhcps_outcome::bad_hlen)}},
-        {"not_request", none,
+         -1,
+         {rx(dhcps_rx::discover), drop(dhcps_outcome::bad_hlen)}},
+        {"not_request",
+         none,
          [](S &s, int) {
              Request d(DHCPDISCOVER, 1);
              d.p.op = BOOTREPLY;
              return s.handle(d);
          },
-         -1, {rx(dhcps_rx::discover), drop(dhcps_outcome::not_request)}},
-        {"no_interface", none,
+         -1,
+         {rx(dhcps_rx::discover), drop(dhcps_outcome::not_request)}},
+        {"no_interface",
+         none,
          [](S &s, int) {
              Request d(DHCPDISCOVER, 1);
              return s.handle(d, "172.31.0.1");
          },
-         -1, {rx(dhcps_rx::discover), drop(dhcps_outcome::no_interface)}},
-        {"option82_invalid", none,
+         -1,
+         {rx(dhcps_rx::discover), drop(dhcps_outcome::no_interface)}},
+        {"option82_invalid",
+         none,
          [](S &s, int) {
              Request d(DHCPDISCOVER, 1);
              d.opt(DHCP_RELAY_AGENT_INFO, {1, 9, 'p'});
              return s.handle(d);
          },
-         -1, {rx(dhcps_rx::discover), drop(dhcps_outcome::option82_invalid)}},
-        {"circuit_id_not_allowed", none,
+         -1,
+         {rx(dhcps_rx::discover), drop(dhcps_outcome::option82_invalid)}},
+        {"circuit_id_not_allowed",
+         none,
          [](S &s, int) {
              Request d(DHCPDISCOVER, 1);
              d.opt(DHCP_RELAY_AGENT_INFO, {1, 2, 'z', 'z'});
              return s.handle(d);
          },
-         -1, {rx(dhcps_rx::discover), drop(dhcps_outcome::circuit_id_not_allowed)}},
-        {"no_pool", none,
+         -1,
+         {rx(dhcps_rx::discover), drop(dhcps_outcome::circuit_id_not_allowed)}},
+        {"no_pool",
+         none,
          [](S &s, int) {
              Request d(DHCPDISCOVER, 1);
              d.p.gateway_nip = nip("172.16.0.1");
              return s.handle(d);
          },
-         -1, {rx(dhcps_rx::discover), drop(dhcps_outcome::no_pool)}},
-        {"no_pool_disabled", [](S &s) { s.pool->enable = 0; },
+         -1,
+         {rx(dhcps_rx::discover), drop(dhcps_outcome::no_pool)}},
+        {"no_pool_disabled",
+         [](S &s) { s.pool->enable = 0; },
          [](S &s, int) {
              Request d(DHCPDISCOVER, 1);
              return s.handle(d);
          },
-         -1, {rx(dhcps_rx::discover), drop(dhcps_outcome::no_pool)}},
-        {"server_id_mismatch", none,
+         -1,
+         {rx(dhcps_rx::discover), drop(dhcps_outcome::no_pool)}},
+        {"server_id_mismatch",
+         none,
          [](S &s, int) {
              Request r(DHCPREQUEST, 1);
              r.addr(DHCP_SERVER_ID, "192.168.1.99");
              return s.handle(r);
          },
-         -1, {rx(dhcps_rx::request), drop(dhcps_outcome::server_id_mismatch)}},
-        {"bad_message_type", none,
+         -1,
+         {rx(dhcps_rx::request), drop(dhcps_outcome::server_id_mismatch)}},
+        {"bad_message_type",
+         none,
          [](S &s, int) {
              Request r(9, 1);
              return s.handle(r);
          },
-         -1, {rx(dhcps_rx::other), drop(dhcps_outcome::bad_message_type)}},
-        {"bad_message_type_absent", none,
+         -1,
+         {rx(dhcps_rx::other), drop(dhcps_outcome::bad_message_type)}},
+        {"bad_message_type_absent",
+         none,
          [](S &s, int) {
              Request r(DHCPDISCOVER, 1);
              r.p.options[0] = DHCP_END;
              return s.handle(r);
          },
-         -1, {rx(dhcps_rx::other), drop(dhcps_outcome::bad_message_type)}},
-        {"wrong_message_type", none,
+         -1,
+         {rx(dhcps_rx::other), drop(dhcps_outcome::bad_message_type)}},
+        {"wrong_message_type",
+         none,
          [](S &s, int) {
              Request r(DHCPACK, 1);
              return s.handle(r);
          },
-         -1, {rx(dhcps_rx::other), drop(dhcps_outcome::wrong_message_type)}},
-        {"no_requested_address", none,
+         -1,
+         {rx(dhcps_rx::other), drop(dhcps_outcome::wrong_message_type)}},
+        {"no_requested_address",
+         none,
          [](S &s, int) {
              Request r(DHCPREQUEST, 1);
              return s.handle(r);
          },
-         0, {rx(dhcps_rx::request), drop(dhcps_outcome::no_requested_address)}},
-        {"unknown_client", none,
+         0,
+         {rx(dhcps_rx::request), drop(dhcps_outcome::no_requested_address)}},
+        {"unknown_client",
+         none,
          [](S &s, int) {
              Request r(DHCPREQUEST, 9);
              r.p.ciaddr = nip("192.168.1.15");
              return s.handle(r);
          },
-         0, {rx(dhcps_rx::request), drop(dhcps_outcome::unknown_client)}},
+         0,
+         {rx(dhcps_rx::request), drop(dhcps_outcome::unknown_client)}},
         {"no_free_address",
          [](S &s) {
              s.pool->end_ip = s.pool->begin_ip;
@@ -303,13 +342,14 @@ std::vector<Case> cases() {
              Request d(DHCPDISCOVER, static_cast<std::uint8_t>(5 + i));
              return s.handle(d);
          },
-         0, {rx(dhcps_rx::discover), drop(dhcps_outcome::no_free_address)}},
+         0,
+         {rx(dhcps_rx::discover), drop(dhcps_outcome::no_free_address)}},
         {"lease_table_full",
          [](S &) {
              dhcps_set_max_lease_num(2048);
              for (std::uint32_t i = 0; i < 2048; ++i) {
-                 std::uint8_t mac[6] = {4, 0, 0, 0, static_cast<std::uint8_t>(i >> 8),
-                                        static_cast<std::uint8_t>(i)};
+                 std::uint8_t mac[6] = {
+                     4, 0, 0, 0, static_cast<std::uint8_t>(i >> 8), static_cast<std::uint8_t>(i)};
                  dhcps_add_lease(mac, htonl(0x0a000000u + i), 100, NOW + 100, nullptr, 0, 1, 0);
              }
          },
@@ -317,21 +357,26 @@ std::vector<Case> cases() {
              Request d(DHCPDISCOVER, static_cast<std::uint8_t>(5 + i));
              return s.handle(d);
          },
-         0, {rx(dhcps_rx::discover), drop(dhcps_outcome::lease_table_full)}},
-        {"decline_ignored", none,
+         0,
+         {rx(dhcps_rx::discover), drop(dhcps_outcome::lease_table_full)}},
+        {"decline_ignored",
+         none,
          [](S &s, int) {
              Request r(DHCPDECLINE, 1);
              r.addr(DHCP_REQUESTED_IP, "192.168.1.10");
              return s.handle(r);
          },
-         0, {rx(dhcps_rx::decline), drop(dhcps_outcome::decline_ignored)}},
-        {"release_ignored", none,
+         0,
+         {rx(dhcps_rx::decline), drop(dhcps_outcome::decline_ignored)}},
+        {"release_ignored",
+         none,
          [](S &s, int) {
              Request r(DHCPRELEASE, 1);
              r.p.ciaddr = nip("192.168.1.10");
              return s.handle(r);
          },
-         0, {rx(dhcps_rx::release), drop(dhcps_outcome::release_ignored)}},
+         0,
+         {rx(dhcps_rx::release), drop(dhcps_outcome::release_ignored)}},
     };
 }
 
