@@ -7,6 +7,7 @@ time, so once a barrier INFORM is answered every earlier request was
 handled; the relay handles trapped frames in order, so once a marker request
 is forwarded (or a reply delivered) every earlier frame was handled."""
 import collections
+import json
 
 import pytest
 
@@ -202,3 +203,94 @@ def test_relay_reply_without_transaction_counts_where_it_came_in(scene):
     s = stats(scene.relay, REL)
     assert s[(V20, "OFFER received")] == 0 and (V20, "no transaction") not in s
     assert s[(V10, "replies delivered")] >= 1
+
+
+# ---- JSON and metrics agree with the displays ----
+
+def json_counters(d, cmd):
+    r = d.shell("-j", json.dumps({"cmd": cmd}))
+    assert r.returncode == 0, r.stderr
+    out = {}
+    for o in json.loads(r.stdout)["data"]:
+        where = o.get("pool") or o.get("interface")
+        out[(o["name"], where)] = o["value"]
+    return out
+
+
+SERVER_NAMES = {"Received": "received_", "Sent": "sent_", "Dropped": "dropped_"}
+SERVER_TYPES = {"DISCOVER": "discover", "REQUEST": "request", "DECLINE": "decline",
+                "RELEASE": "release", "INFORM": "inform", "other": "other", "OFFER": "offer",
+                "ACK": "ack", "NAK": "nak", "INFORM reply": "inform_reply",
+                "hardware length not 6": "bad_hlen", "no pool": "no_pool"}
+POOL_NAMES = {"addresses in range": ("pool_range", "dhcpd_server_pool_addresses"),
+              "leased": ("pool_leased", "dhcpd_server_pool_leased"),
+              "offered": ("pool_offered", "dhcpd_server_pool_offered"),
+              "reserved by conflicts": ("pool_reserved", "dhcpd_server_pool_reserved"),
+              "static bindings": ("pool_static", "dhcpd_server_pool_static_bindings")}
+
+
+def metrics(d):
+    from prometheus_client.parser import text_string_to_metric_families
+    r = d.shell("--metrics")
+    assert r.returncode == 0, r.stderr
+    out = {}
+    for fam in text_string_to_metric_families(r.stdout):
+        for s in fam.samples:
+            out[(s.name, tuple(sorted(s.labels.items())))] = s.value
+    return out
+
+
+def test_json_and_metrics_agree_with_the_server_display(server_lab):
+    d, client, _, _ = server_lab
+    client.send(request(CLIENT_MAC, 0x5400, "discover"))
+    client.send(request(CLIENT_MAC, 0x5401, "discover", hlen=7))
+    client.send(request(CLIENT_MAC, 0x5402, "discover", giaddr="10.99.0.1", hops=1))
+    client.replies(0x5400)
+    shown = stats(d, "show dhcp-server statistics")
+    js = json_counters(d, "dhcps_statistics_get")
+    prom = metrics(d)
+    assert shown[("Dropped", "hardware length not 6")] == 1
+    assert shown[("Dropped", "no pool")] == 1
+    lines = 0
+    for (block, label), value in shown.items():
+        if block.startswith("Pool "):
+            pool = block[len("Pool "):]
+            name, metric = POOL_NAMES[label]
+            assert js[(name, pool)] == value
+            assert prom[(metric, (("pool", pool),))] == value
+        else:
+            name = SERVER_NAMES[block] + SERVER_TYPES[label]
+            assert js[(name, None)] == value, name
+            kind = "reason" if block == "Dropped" else "type"
+            metric = f"dhcpd_server_{block.lower()}"
+            # The parser names counter samples with their _total suffix.
+            assert prom[(metric + "_total", ((kind, SERVER_TYPES[label]),))] == value, name
+        lines += 1
+    assert lines == len(js)
+
+
+def test_json_and_metrics_agree_with_the_relay_display(scene):
+    scene.send(2, client_msg(0x6600, scene.mac(2), hops=9))
+    scene.answer(server_msg(0x6601, scene.mac(1)))
+    scene.send(1, client_msg(0x6602, scene.mac(1)), proto="tcp", sport=68, dport=67)
+    scene.marker(1)
+    shown = stats(scene.relay, REL)
+    js = json_counters(scene.relay, "dhcpr_statistics_get")
+    prom = metrics(scene.relay)
+    assert shown[(V10, "hops exceeded")] == 1 and shown[(V20, "no transaction")] == 1
+    assert js[("dropped_hops_exceeded", "vlanif10")] == 1
+    assert js[("dropped_no_transaction", "vlanif20")] == 1
+    assert js[("requests_forwarded", "vlanif10")] == shown[(V10, "requests forwarded")]
+    assert js[("refused_not_udp", None)] == shown[("Channel", "not UDP")] == 1
+    assert len(js) == len(shown)
+    assert prom[("dhcpd_relay_dropped_total",
+                 (("interface", "vlanif10"), ("reason", "hops_exceeded")))] == 1
+    assert prom[("dhcpd_relay_requests_forwarded_total", (("interface", "vlanif10"),))] == \
+        shown[(V10, "requests forwarded")]
+    assert prom[("dhcpd_relay_replies_received_total",
+                 (("interface", "vlanif20"), ("type", "offer")))] == 1
+    assert prom[("dhcpd_relay_channel_refused_total", (("reason", "not_udp"),))] == 1
+    # Clearing through JSON answers nothing and clears.
+    r = scene.relay.shell("-j", json.dumps({"cmd": "dhcpr_statistics_clear"}))
+    assert (r.returncode, r.stdout) == (0, "")
+    assert all(v == 0 for v in stats(scene.relay, REL).values())

@@ -1,8 +1,10 @@
 // dhcpsh --metrics: JSON replies in, Prometheus text exposition out.
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 
+#include "tools/dhcpsh/cmdline.h"
 #include "tools/dhcpsh/metrics.h"
 
 namespace {
@@ -113,6 +115,26 @@ TEST(Metrics, RepliesThatAreNotCounterListsAreRefused) {
         "{\"data\":[]}");
     ASSERT_TRUE(text.ok());
     EXPECT_EQ(text->find("} "), std::string::npos);
+}
+
+TEST(Metrics, TheOptionIsAModeOfItsOwn) {
+    const std::string_view alone[] = {"--metrics"};
+    auto opts = dhcpsh::parse_args(alone);
+    ASSERT_TRUE(opts.ok());
+    EXPECT_EQ(opts->mode, dhcpsh::Mode::metrics);
+    const std::string_view mixed[] = {"--metrics", "-c", "show dhcp-server"};
+    auto bad = dhcpsh::parse_args(mixed);
+    ASSERT_FALSE(bad.ok());
+    EXPECT_EQ(bad.error(), "--metrics cannot be combined with -c, -f, -b or -j");
+    EXPECT_NE(dhcpsh::help_text().find("  --metrics    print the counters in the Prometheus"),
+              std::string::npos);
+}
+
+TEST(Metrics, NoDaemonIsReportedWithExitStatus2) {
+    std::ostringstream out, err;
+    EXPECT_EQ(dhcpsh::run_metrics("/nonexistent/dhcp.jsr", out, err), 2);
+    EXPECT_EQ(out.str(), "");
+    EXPECT_EQ(err.str().rfind("dhcpsh: ", 0), 0u) << err.str();
 }
 
 }  // namespace

@@ -7,7 +7,11 @@
 #include <cinttypes>
 #include <cstdio>
 #include <memory>
+#include <ostream>
+#include <utility>
 #include <vector>
+
+#include "tools/dhcpsh/jsonclient.h"
 
 namespace dhcpsh {
 
@@ -155,6 +159,27 @@ Result<std::string, std::string> render_metrics(std::string_view server_reply,
         out += samples[i];
     }
     return out;
+}
+
+int run_metrics(const std::string &path, std::ostream &out, std::ostream &err) {
+    std::string replies[2];
+    const char *requests[2] = {"{\"cmd\":\"dhcps_statistics_get\"}",
+                               "{\"cmd\":\"dhcpr_statistics_get\"}"};
+    for (int i = 0; i < 2; ++i) {
+        auto reply = json_request(path, requests[i]);
+        if (!reply) {
+            err << "dhcpsh: " << reply.error().message << '\n';
+            return 2;
+        }
+        replies[i] = std::move(*reply);
+    }
+    auto text = render_metrics(replies[0], replies[1]);
+    if (!text) {
+        err << "dhcpsh: " << text.error() << '\n';
+        return 2;
+    }
+    out << *text;
+    return 0;
 }
 
 }  // namespace dhcpsh

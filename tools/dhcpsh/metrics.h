@@ -10,6 +10,7 @@
 // still renders.
 #pragma once
 
+#include <iosfwd>
 #include <string>
 #include <string_view>
 
@@ -21,5 +22,10 @@ namespace dhcpsh {
 // "data" array, an error reply).
 Result<std::string, std::string> render_metrics(std::string_view server_reply,
                                                 std::string_view relay_reply);
+
+// --metrics: asks the JSON socket at `path` for both statistics and prints
+// the exposition text. 0, or 2 after "dhcpsh: REASON" on `err` (no daemon,
+// a reply that is not a counter list).
+int run_metrics(const std::string &path, std::ostream &out, std::ostream &err);
 
 }  // namespace dhcpsh
