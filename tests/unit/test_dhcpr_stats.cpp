@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -524,6 +525,11 @@ std::vector<Case> cases() {
          10,
          {refused(dhcpr_refusal::bad_length)}},
     };
+}
+
+// Test names and failure messages show the case's name only.
+[[maybe_unused]] void PrintTo(const Case &c, std::ostream *os) {
+    *os << c.name;
 }
 
 struct Outcome : Relay, ::testing::WithParamInterface<Case> {};

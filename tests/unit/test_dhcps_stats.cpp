@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <functional>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -378,6 +379,11 @@ std::vector<Case> cases() {
          0,
          {rx(dhcps_rx::release), drop(dhcps_outcome::release_ignored)}},
     };
+}
+
+// Test names and failure messages show the case's name only.
+[[maybe_unused]] void PrintTo(const Case &c, std::ostream *os) {
+    *os << c.name;
 }
 
 struct Outcome : Stats, ::testing::WithParamInterface<Case> {};
