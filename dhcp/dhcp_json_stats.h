@@ -5,11 +5,13 @@
 //     snake_case; pool gauges carry "pool", relay counters "interface".
 //     Drop reasons appear only when not 0, as in the CLI displays. The relay
 //     request takes an optional {"data":[{"interface":"IFNAME"}]} to ask for
-//     one interface (no channel counters then).
+//     one interface (no channel counters then); an interface that does not
+//     exist gets {result: 17}, as the relay's changing requests do. A reply
+//     that would not fit the response buffer is {"error":"reply too long"}.
 //   "dhcps_statistics_clear", "dhcpr_statistics_clear" (changing): clear the
 //     counters (the relay's: all, or those of {"config":[{"interface":...}]}
-//     items); no reply on success. Counters are not configuration: nothing
-//     is saved.
+//     items; an unknown interface stops there with {result: 17}); no reply
+//     on success. Counters are not configuration: nothing is saved.
 //
 // Names: server "received_<type>", "sent_<type>", "dropped_<reason>",
 // "pool_<gauge>"; relay "requests_received_<type>", "requests_forwarded",

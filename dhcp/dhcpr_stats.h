@@ -10,10 +10,11 @@
 //   dhcpr_stats_refused().
 // - Counters are kept per VLAN: a request counts on the VLAN it came in on,
 //   a reply on the VLAN of the client interface of its transaction (on the
-//   VLAN it came in on when it has none). They are 64-bit, live for the
-//   process and survive configuration changes (a remote server removed and
-//   set again, the relay turned off and on); only the clear functions zero
-//   them. Nothing of them is written to the configuration.
+//   VLAN it came in on when it has none); interfaces that are not vlanifN
+//   share VLAN 0. They are 64-bit, live for the process and survive
+//   configuration changes (a remote server removed and set again, the relay
+//   turned off and on); only the clear functions zero them. Nothing of them
+//   is written to the configuration.
 #pragma once
 
 #include <array>
