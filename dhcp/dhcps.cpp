@@ -297,15 +297,25 @@ dhcps_outcome handle_release(const dhcp_packet &req, const request_view &view,
     return dhcps_outcome::released;
 }
 
-// Why no pool took a request: a pool that would have taken it without its
-// circuit id refused the id. Asked only on the way to a drop.
+// Why no pool took a request: an enabled pool of the network that would
+// have taken it without its circuit id refused the id. Asked only on the way
+// to a drop, and silently (the lookup has logged what it saw).
 dhcps_outcome no_pool_reason(std::uint32_t key, const dhcp_option82 &circuit) {
     if (circuit.present == 0) {
         return dhcps_outcome::no_pool;
     }
-    const dhcp_option82 none{};
-    return dhcps_lookup_by_network(key, &none) != nullptr ? dhcps_outcome::circuit_id_not_allowed
-                                                          : dhcps_outcome::no_pool;
+    for (const auto &p : dhcps_pool_list()) {
+        const option_set *mask = dhcp_find_option(p->options, DHCP_SUBNET_MASK);
+        if (mask == nullptr || !p->prefix || p->enable == 0) {
+            continue;
+        }
+        // As the lookup reads it: a mask option too short to hold one is 0.
+        const std::uint32_t m = mask->length() >= 4 ? load_u32(mask->value().data()) : 0;
+        if (((p->prefix->prefix.s_addr ^ key) & m) == 0) {
+            return dhcps_outcome::circuit_id_not_allowed;
+        }
+    }
+    return dhcps_outcome::no_pool;
 }
 
 // Header checks and pool choice (with option 82 when it is handled).

@@ -427,6 +427,25 @@ TEST_F(Stats, NoSubnetMaskIsItsOwnReason) {
     EXPECT_EQ(flat(), want);
 }
 
+// Telling the reasons apart adds no log line: each drop logs what it logged.
+TEST_F(Stats, ReasonsAddNoLogLines) {
+    std::vector<std::string> log;
+    zlog_set_hook([&](int, std::string_view t) { log.emplace_back(t); });
+    ASSERT_EQ(allow_add(&pool->allow_circuit_ids, "port1"), 0);
+    Request d(DHCPDISCOVER, 1);
+    d.opt(DHCP_RELAY_AGENT_INFO, {1, 2, 'z', 'z'});
+    EXPECT_EQ(handle(d), -1);
+    EXPECT_EQ(log, std::vector<std::string>{"Circuit ID is not found! jump over!"});
+    log.clear();
+    pool->enable = 0;
+    EXPECT_EQ(handle(d), -1);
+    EXPECT_EQ(log, std::vector<std::string>{"Pool p is not enabled, jump over!"});
+    EXPECT_EQ(dhcps_stats().dropped[dhcps_drop_index(dhcps_outcome::circuit_id_not_allowed)], 1u);
+    EXPECT_EQ(dhcps_stats().dropped[dhcps_drop_index(dhcps_outcome::no_pool)], 1u);
+    allow_delete(&pool->allow_circuit_ids, "port1");
+    zlog_set_hook([](int, std::string_view) {});
+}
+
 TEST_F(Stats, ClearZeroesTheCountersAndLeavesLeasesAndGauges) {
     bind(1);
     Request bad(DHCPDISCOVER, 1);
