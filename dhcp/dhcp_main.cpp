@@ -15,7 +15,9 @@
 #include "dhcp/dhcp_json.h"
 #include "dhcp/dhcp_zebra.h"
 #include "dhcp/dhcpr.h"
+#include "dhcp/dhcpr_stats.h"
 #include "dhcp/dhcpr_vty.h"
+#include "dhcp/dhcps_stats.h"
 #include "dhcp/dhcps_vty.h"
 #include "dhcp/dhcps.h"
 #include "dhcp/dhcps_leases.h"
@@ -157,6 +159,8 @@ int main(int argc, char **argv) {
     dhcp_debug_init();
     dhcps_vty_init();
     dhcpr_vty_init();
+    dhcps_stats_vty_init();
+    dhcpr_stats_vty_init();
 
     if (daemon_mode) {
         if (daemon(0, 0) < 0) {

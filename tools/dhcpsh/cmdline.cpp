@@ -30,6 +30,7 @@ Result<Options, std::string> parse_args(std::span<const std::string_view> args) 
     bool file_seen = false;
     bool boot_seen = false;
     bool json_seen = false;
+    bool metrics_seen = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string_view arg = args[i];
         if (arg == "-h" || arg == "--help") {
@@ -62,6 +63,8 @@ Result<Options, std::string> parse_args(std::span<const std::string_view> args) 
             json_seen = true;
         } else if (arg == "-b") {
             boot_seen = true;
+        } else if (arg == "--metrics") {
+            metrics_seen = true;
         } else if (arg.size() > 1 && arg.front() == '-') {
             return Failure{"unknown option " + std::string(arg)};
         } else {
@@ -74,6 +77,9 @@ Result<Options, std::string> parse_args(std::span<const std::string_view> args) 
     if (modes > 1) {
         return Failure{std::string("-c, -f, -b and -j cannot be combined")};
     }
+    if (metrics_seen && modes > 0) {
+        return Failure{std::string("--metrics cannot be combined with -c, -f, -b or -j")};
+    }
     if (!opts.commands.empty()) {
         opts.mode = Mode::commands;
     } else if (file_seen) {
@@ -82,6 +88,8 @@ Result<Options, std::string> parse_args(std::span<const std::string_view> args) 
         opts.mode = Mode::boot;
     } else if (json_seen) {
         opts.mode = Mode::json;
+    } else if (metrics_seen) {
+        opts.mode = Mode::metrics;
     }
     return opts;
 }
@@ -113,6 +121,7 @@ std::string help_text() {
         "\n"
         "  -j REQUEST   send one JSON request of the web interface and print\n"
         "               the reply exactly as it comes\n"
+        "  --metrics    print the counters in the Prometheus text format\n"
         "  -h, --help   show this help\n"
         "The daemon is reached at ";
     text += VTY_SOCKET_PATH;

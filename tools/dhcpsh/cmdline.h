@@ -16,6 +16,7 @@ enum class Mode {
     file,         // -f FILE
     boot,         // -b
     json,         // -j REQUEST
+    metrics,      // --metrics
     help,         // -h, --help
 };
 

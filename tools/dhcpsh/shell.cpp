@@ -9,6 +9,7 @@
 #include <ostream>
 
 #include "tools/dhcpsh/jsonclient.h"
+#include "tools/dhcpsh/metrics.h"
 
 namespace dhcpsh {
 
@@ -355,6 +356,8 @@ int run(const Options &opts, const Settings &settings, std::istream &in, std::os
 
         case Mode::json:
             return run_json(settings.json_path, opts.request, out, err);
+        case Mode::metrics:
+            return run_metrics(settings.json_path, out, err);
 
         case Mode::interactive: {
             auto client = connect_or_complain(settings.socket_path, err);
