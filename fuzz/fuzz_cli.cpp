@@ -49,11 +49,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void require(bool ok) {
+// Says which check failed before stopping.
+void require_at(bool ok, int line) {
     if (!ok) {
+        std::fprintf(stderr, "fuzz_cli.cpp:%d: check failed\n", line);
         std::abort();
     }
 }
+#define require(ok) require_at((ok), __LINE__)
 
 thread_master *master = nullptr;
 fs::path dir;

@@ -24,6 +24,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -46,11 +47,14 @@ namespace {
 
 constexpr std::int32_t NOW = 1700000000;
 
-void require(bool ok) {
+// Says which check failed before stopping.
+void require_at(bool ok, int line) {
     if (!ok) {
+        std::fprintf(stderr, "fuzz_dhcps_request.cpp:%d: check failed\n", line);
         std::abort();
     }
 }
+#define require(ok) require_at((ok), __LINE__)
 
 std::uint32_t nip(const char *a) {
     in_addr v{};

@@ -16,6 +16,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <span>
@@ -33,11 +34,14 @@ constexpr std::int32_t NOW = 1700000000;
 constexpr std::size_t REC = sizeof(dhcps_lease);
 constexpr int CEILING = 10240;
 
-void require(bool ok) {
+// Says which check failed before stopping.
+void require_at(bool ok, int line) {
     if (!ok) {
+        std::fprintf(stderr, "fuzz_lease_file.cpp:%d: check failed\n", line);
         std::abort();
     }
 }
+#define require(ok) require_at((ok), __LINE__)
 
 std::string dir;
 

@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <set>
 #include <vector>
@@ -30,11 +31,14 @@
 
 namespace {
 
-void require(bool ok) {
+// Says which check failed before stopping.
+void require_at(bool ok, int line) {
     if (!ok) {
+        std::fprintf(stderr, "fuzz_uclient.cpp:%d: check failed\n", line);
         std::abort();
     }
 }
+#define require(ok) require_at((ok), __LINE__)
 
 using bytes = std::vector<std::uint8_t>;
 

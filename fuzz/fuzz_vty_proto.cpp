@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -33,11 +34,14 @@
 
 namespace {
 
-void require(bool ok) {
+// Says which check failed before stopping.
+void require_at(bool ok, int line) {
     if (!ok) {
+        std::fprintf(stderr, "fuzz_vty_proto.cpp:%d: check failed\n", line);
         std::abort();
     }
 }
+#define require(ok) require_at((ok), __LINE__)
 
 DEFUN(fz_configure, fz_configure_cmd, "configure terminal", "Configure\nTerminal\n") {
     vty->node = CONFIG_NODE;
@@ -175,8 +179,20 @@ int connect_client() {
     return fd;
 }
 
+// Whole reply frames in the bytes read (the code byte may be a NUL too).
 std::size_t frames(std::string_view got) {
-    return static_cast<std::size_t>(std::count(got.begin(), got.end(), '\0')) / 2;
+    std::size_t n = 0;
+    for (;;) {
+        const std::size_t a = got.find('\0');
+        const std::size_t b = a == std::string_view::npos || a + 2 > got.size()
+                                  ? std::string_view::npos
+                                  : got.find('\0', a + 2);
+        if (b == std::string_view::npos) {
+            return n;
+        }
+        ++n;
+        got.remove_prefix(b + 1);
+    }
 }
 
 // Runs the server while sending the input, until `want` replies came back
