@@ -106,15 +106,17 @@ bool set_up() {
     return true;
 }
 
+constexpr int REFUSED = 0x100;  // a request refused for its length
+
 struct request {
-    char kind;  // '\0' for an empty frame; 'L' marks a refused long one
+    int kind;  // the kind byte, 0 for an empty frame, or REFUSED
 };
 
 // The requests the server must answer, in order.
 std::vector<request> model(std::string_view in) {
     std::vector<request> out;
     std::size_t frame = 0;  // bytes of the current frame, kind included
-    char kind = 0;
+    int kind = 0;
     bool discarding = false;
     while (!in.empty()) {
         const std::size_t nul = in.find('\0');
@@ -128,15 +130,15 @@ std::vector<request> model(std::string_view in) {
         if (frame + chunk.size() > VTY_MAXLINE + 1) {
             frame = 0;
             discarding = !ended;
-            out.push_back({'L'});
+            out.push_back({REFUSED});
             continue;
         }
         if (frame == 0 && !chunk.empty()) {
-            kind = chunk[0];
+            kind = static_cast<unsigned char>(chunk[0]);
         }
         frame += chunk.size();
         if (ended) {
-            out.push_back({frame == 0 ? '\0' : kind});
+            out.push_back({frame == 0 ? 0 : kind});
             frame = 0;
         }
     }
@@ -243,7 +245,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         const reply &r = got[i];
         require(known_prompt(r.prompt));
         switch (want[i].kind) {
-            case 'L':
+            case REFUSED:
                 require(r.code == CMD_WARNING &&
                         r.text == "% Line too long, refused (more than 4096 bytes).\n");
                 break;
