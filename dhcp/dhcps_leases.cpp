@@ -170,6 +170,8 @@ class flat_index {
         --count_;
     }
 
+    std::size_t size() const { return count_; }
+
     void clear() {
         slots_.clear();
         slots_.shrink_to_fit();
@@ -279,6 +281,16 @@ class leased_map {
     }
 
     void clear() { blocks_.clear(); }
+
+    std::size_t count() const {
+        std::size_t n = 0;
+        for (const auto &[block, w] : blocks_) {
+            for (std::uint64_t bits : *w) {
+                n += static_cast<std::size_t>(__builtin_popcountll(bits));
+            }
+        }
+        return n;
+    }
 
   private:
     using words = std::array<std::uint64_t, 1024>;
@@ -427,6 +439,19 @@ class lease_table {
         return leased_.first_clear(from, to);
     }
 
+    // Every index against a plain walk of the table; empty when they agree.
+    std::string check(std::int32_t now) const;
+
+  private:
+    std::string check_threads(std::vector<const lease_node *> &order) const;
+    std::string check_tree(const std::vector<const lease_node *> &order) const;
+    template <typename Index, typename KeyOf>
+    static std::string check_index(const Index &heads, chain_link lease_node::*link,
+                                   const std::vector<const lease_node *> &order, KeyOf key_of,
+                                   const char *what);
+    std::string check_lookups(const std::vector<const lease_node *> &order, std::int32_t now) const;
+
+  public:
   private:
     static std::uint32_t sz(const lease_node *n) { return n ? n->size : 0; }
 
@@ -639,6 +664,164 @@ class lease_table {
     expiry_tree expiry_;
     leased_map leased_;
 };
+
+// The table order from the head, with the links both ways and the owner map.
+std::string lease_table::check_threads(std::vector<const lease_node *> &order) const {
+    const lease_node *prev = nullptr;
+    for (const lease_node *n = head_; n != nullptr; prev = n, n = n->next) {
+        if (n->prev != prev || find(&n->rec) != n || order.size() > nodes_.size()) {
+            return "table order links broken";
+        }
+        if (n->mac_idx != mac_key(n->rec.mac) || n->nip_idx != nip_of(n->rec) ||
+            n->exp_idx != dhcps_lease_expires(&n->rec)) {
+            return "record bytes differ from the keys it is indexed under";
+        }
+        order.push_back(n);
+    }
+    if (prev != tail_ || order.size() != nodes_.size()) {
+        return "table order misses records";
+    }
+    return {};
+}
+
+// The treap in order is the table order; sizes, counts and heap order hold.
+std::string lease_table::check_tree(const std::vector<const lease_node *> &order) const {
+    std::vector<const lease_node *> stack;
+    std::size_t at = 0;
+    if (root_ != nullptr && root_->parent != nullptr) {
+        return "tree root has a parent";
+    }
+    for (const lease_node *v = root_; v != nullptr || !stack.empty();) {
+        for (; v != nullptr; v = v->left) {
+            stack.push_back(v);
+        }
+        v = stack.back();
+        stack.pop_back();
+        if (at >= order.size() || order[at++] != v) {
+            return "tree order differs from the table order";
+        }
+        lease_node probe = *v;
+        pull(&probe);
+        if (probe.size != v->size || probe.macs != v->macs || probe.zero_nips != v->zero_nips ||
+            probe.min_expires != v->min_expires) {
+            return "tree summaries stale";
+        }
+        for (const lease_node *c : {v->left, v->right}) {
+            if (c != nullptr && (c->parent != v || c->prio > v->prio)) {
+                return "tree links or heap order broken";
+            }
+        }
+        v = v->right;
+    }
+    if (at != order.size()) {
+        return "tree misses records";
+    }
+    return {};
+}
+
+// Each key's slot heads a chain holding exactly its records in table order.
+template <typename Index, typename KeyOf>
+std::string lease_table::check_index(const Index &heads, chain_link lease_node::*link,
+                                     const std::vector<const lease_node *> &order, KeyOf key_of,
+                                     const char *what) {
+    std::unordered_map<typename Index::key_type, std::vector<const lease_node *>> by_key;
+    std::vector<typename Index::key_type> keys;
+    for (const lease_node *n : order) {
+        const auto k = key_of(n);
+        if (k == 0) {
+            continue;
+        }
+        auto &v = by_key[k];
+        if (v.empty()) {
+            keys.push_back(k);
+        }
+        v.push_back(n);
+    }
+    if (heads.size() != keys.size()) {
+        return std::string(what) + " index holds other keys than the table";
+    }
+    for (const auto k : keys) {
+        const auto &want = by_key[k];
+        const auto *slot = heads.find(k);
+        if (slot == nullptr || slot->head != want.front() ||
+            slot->expires != want.front()->exp_idx) {
+            return std::string(what) + " index head differs from the first record";
+        }
+        const lease_node *prev = nullptr;
+        std::size_t i = 0;
+        for (const lease_node *c = slot->head; c != nullptr; prev = c, c = (c->*link).next) {
+            if (i >= want.size() || want[i++] != c || (c->*link).prev != prev) {
+                return std::string(what) + " chain differs from the table";
+            }
+        }
+        if (i != want.size()) {
+            return std::string(what) + " chain misses records";
+        }
+    }
+    return {};
+}
+
+// The answers of the lookups against the plain walk.
+std::string lease_table::check_lookups(const std::vector<const lease_node *> &order,
+                                       std::int32_t now) const {
+    const lease_node *first_zero_mac = nullptr;
+    const lease_node *first_zero_nip = nullptr;
+    const lease_node *first_old = nullptr;
+    std::size_t expired = 0;
+    std::unordered_map<std::uint32_t, bool> nips;
+    for (const lease_node *n : order) {
+        if (n->mac_idx == 0 && first_zero_mac == nullptr) {
+            first_zero_mac = n;
+        }
+        if (n->nip_idx == 0 && first_zero_nip == nullptr) {
+            first_zero_nip = n;
+        }
+        if (n->exp_idx < now) {
+            ++expired;
+            first_old = first_old ? first_old : n;
+        }
+        if (n->nip_idx != 0) {
+            nips[n->nip_idx] = true;
+            if (leased_.first_clear(ntohl(n->nip_idx), ntohl(n->nip_idx)) == ntohl(n->nip_idx)) {
+                return "leased address missing from the address map";
+            }
+        }
+    }
+    static constexpr std::uint8_t zero[6] = {};
+    if (first_by_mac(zero) != first_zero_mac || first_by_nip(0) != first_zero_nip) {
+        return "zero-key lookup differs from the walk";
+    }
+    if (first_expired(now) != first_old || expired_count(now) != expired ||
+        expiry_.size() != order.size()) {
+        return "expiry index differs from the walk";
+    }
+    if (leased_.count() != nips.size()) {
+        return "address map holds addresses without a record";
+    }
+    return {};
+}
+
+std::string lease_table::check(std::int32_t now) const {
+    std::vector<const lease_node *> order;
+    std::string why = check_threads(order);
+    if (why.empty()) {
+        why = check_tree(order);
+    }
+    if (why.empty()) {
+        why = check_index(
+            mac_heads_, &lease_node::mac_chain, order,
+            [](const lease_node *n) { return n->mac_idx; }, "MAC");
+    }
+    if (why.empty()) {
+        why = check_index(
+            nip_heads_, &lease_node::nip_chain, order,
+            [](const lease_node *n) { return n->nip_idx; }, "address");
+    }
+    if (why.empty()) {
+        why = check_lookups(order, now);
+    }
+    return why;
+}
 
 lease_table &table() {
     static lease_table t;
@@ -1199,6 +1382,10 @@ void dhcps_set_lease_file(const char *path) {
 
 const char *dhcps_lease_file() {
     return lease_file_path.c_str();
+}
+
+std::string dhcps_leases_check() {
+    return table().check(kq_time_get());
 }
 
 void dhcps_lease_foreach(const std::function<void(const dhcps_lease &)> &fn) {

@@ -1,7 +1,12 @@
 #!/usr/bin/env python3
 """Writes the seed corpus of the fuzzers: tricky messages for
 fuzz_get_option, tricky option lists for fuzz_build_reply, trapped-frame
-exchanges for fuzz_relay_frame and requests for fuzz_option82.
+exchanges for fuzz_relay_frame, requests for fuzz_option82, client
+conversations for fuzz_dhcps_request, lease files for fuzz_lease_file,
+command lines for fuzz_cli, shell-protocol streams for fuzz_vty_proto,
+management-bus streams for fuzz_uclient and interface-manager messages for
+fuzz_zclient. Seeds named regress-* are regression inputs of fixed bugs and
+are kept as they are.
 
 Run from anywhere; rewrites fuzz/corpus/<target>/ beside this script."""
 import pathlib
@@ -193,14 +198,247 @@ def option82_cases():
     }
 
 
+def ip4(text):
+    return bytes(int(x) for x in text.split("."))
+
+
+def mac(last):
+    return bytes([2, 0, 0, 0, 0, last])
+
+
+def client_msg(mtype, last, options=b"", ciaddr="0.0.0.0", giaddr="0.0.0.0", hops=0,
+               flags=0, xid=0x1234, length=300):
+    fixed = (bytes([1, 1, 6, hops]) + xid.to_bytes(4, "big") + bytes(2) +
+             flags.to_bytes(2, "big") + ip4(ciaddr) + bytes(8) + ip4(giaddr) +
+             mac(last) + bytes(10))
+    msg = fixed + bytes(192) + COOKIE + bytes([53, 1, mtype]) + options + b"\xff"
+    return msg.ljust(length, b"\0")
+
+
+def opt(code, value):
+    return bytes([code, len(value)]) + value
+
+
+def rec_req(msg, where=0, dt=0):
+    return bytes([where, dt]) + len(msg).to_bytes(2, "big") + msg
+
+
+def dhcps_request_cases():
+    # Settings: bit 0 option 82, bit 1 relay port 67, bit 2 8 leases,
+    # bit 3 leases from before, bits 4-5 debug.
+    sid = opt(54, ip4("192.168.1.1"))
+    want = lambda a: opt(50, ip4(a))
+    c82 = opt(82, b"\x01\x05port1\x02\x03abc")
+    host = opt(12, b"laptop") + opt(55, b"\x01\x03\x06")
+    return {
+        "discover_request": bytes([0x09]) + rec_req(client_msg(1, 7, host)) +
+        rec_req(client_msg(3, 7, want("192.168.1.10") + sid + host)),
+        "renew_release": bytes([0x08]) + rec_req(client_msg(3, 1, ciaddr="192.168.1.12")) +
+        rec_req(client_msg(7, 1, sid, ciaddr="192.168.1.12"), dt=5) +
+        rec_req(client_msg(1, 1), dt=1),
+        "decline": bytes([0x08]) + rec_req(client_msg(4, 1, want("192.168.1.12") + sid)) +
+        rec_req(client_msg(1, 9), dt=40),
+        "static_and_port": bytes([0x21]) + rec_req(client_msg(1, 0x50)) +
+        rec_req(client_msg(3, 0x50, want("192.168.1.50") + sid)) +
+        rec_req(client_msg(1, 0x60)) + rec_req(client_msg(3, 0x60, want("192.168.1.60") + sid)),
+        "inform_nak": bytes([0x01]) + rec_req(client_msg(8, 3, ciaddr="192.168.1.77")) +
+        rec_req(client_msg(3, 4, want("192.168.1.99"))),
+        "second_interface": bytes([0x0b]) + rec_req(client_msg(1, 3, flags=0x8000), where=1) +
+        rec_req(client_msg(3, 3, want("10.0.20.100") + opt(54, ip4("10.0.20.1"))), where=1),
+        "relayed_small_range": bytes([0x0e]) + b"".join(
+            rec_req(client_msg(1, 0x20 + i, giaddr="172.16.5.1", hops=1), dt=30)
+            for i in range(6)),
+        "relayed_circuit": bytes([0x03]) + rec_req(client_msg(1, 5, c82, giaddr="10.0.30.1",
+                                                             hops=1)) +
+        rec_req(client_msg(3, 5, want("10.0.30.10") + c82, giaddr="10.0.30.1", hops=1)),
+        "circuit_refused": bytes([0x01]) + rec_req(client_msg(1, 5, opt(82, b"\x01\x02zz"),
+                                                             giaddr="10.0.30.1")),
+        "bad_option82": bytes([0x01]) + rec_req(client_msg(1, 5, opt(82, b"\x01\x09p"))),
+        "full_table": bytes([0x04]) + b"".join(rec_req(client_msg(1, 0x30 + i), dt=3)
+                                               for i in range(12)),
+        "overload_hostname": bytes([0x30]) + rec_req(
+            client_msg(1, 8, opt(52, b"\x03"))[:108] + opt(12, b"f" * 20) + b"\xff" +
+            bytes(105) + client_msg(1, 8, opt(52, b"\x03"))[236:]),
+        "wrong_server_and_types": bytes([0x00]) + rec_req(
+            client_msg(3, 2, want("192.168.1.10") + opt(54, ip4("1.2.3.4")))) +
+        rec_req(client_msg(2, 2)) + rec_req(client_msg(9, 2)) + rec_req(client_msg(1, 2)[:240]),
+        "lost_interfaces": bytes([0x00]) + rec_req(client_msg(1, 2), where=2) +
+        rec_req(client_msg(1, 2), where=3),
+    }
+
+
+def lease(mac_b, addr, expires, lease_time=3600, name=b"", state=1):
+    return (state.to_bytes(4, "big") + (expires & 0xffffffff).to_bytes(4, "big") +
+            lease_time.to_bytes(4, "big") + ip4(addr) + mac_b + name.ljust(20, b"\0")[:20] +
+            bytes(2))
+
+
+def lease_file_cases():
+    now = 1700000000
+    three = (lease(mac(1), "192.168.1.10", now + 3600, name=b"alpha") +
+             lease(mac(2), "192.168.1.11", now - 43200, name=b"beta\x01\xc3") +
+             lease(bytes(6), "192.168.1.12", now + 60, state=0))
+    return {
+        "three": bytes([0]) + three,
+        "stale_edge": bytes([0]) + lease(mac(1), "10.0.0.1", now - 43200) +
+        lease(mac(2), "10.0.0.2", now - 43201),
+        "duplicates": bytes([0]) + lease(mac(1), "10.0.0.1", now) + lease(mac(1), "10.0.0.2", now) +
+        lease(mac(3), "10.0.0.2", now) + lease(bytes(6), "10.0.0.9", now) +
+        lease(bytes(6), "10.0.0.8", now),
+        "no_address_and_tail": bytes([0]) + lease(mac(4), "0.0.0.0", now) + b"\x01" * 30,
+        "long_names": bytes([0]) + lease(mac(5), "10.1.1.1", now, name=b"n" * 20) +
+        lease(mac(6), "10.1.1.2", now, name=b"\x7f\x80\xff" * 6),
+        "repeat_to_ceiling": bytes([0xff]) + b"".join(
+            lease(bytes([2, 0, 0, i, 0, 0]), "10.%d.0.0" % i, now + 100) for i in range(41)),
+        "repeat_16": bytes([0xf1]) + three,
+        "empty": bytes([0]),
+    }
+
+
+def cli_cases():
+    def lines(*ls):
+        return "\n".join(ls).encode()
+    return {
+        "pool_life": lines("configure terminal", "dhcp-server pool p3", "network 172.16.0.0/16",
+                           "begin-ip 172.16.0.10 end-ip 172.16.0.20", "lease 600",
+                           "dns-server 1.1.1.1", "no dns-server", "static 172.16.0.5 02-00-00-00-00-05",
+                           "no static 172.16.0.5", "exit", "no dhcp-server pool p2"),
+        "jumps": b"\x02no lease\n\x02no domain-name\n\x03no dhcp-relay remote-server\n"
+                 b"\x01dhcp-server max-lease-num 2048\n\x04show running-config",
+        "relay": lines("conf t", "interface vlanif10", "dhcp-relay remote-server 10.0.20.3",
+                       "dhcp-relay information enable", "dhcp-relay information remote-id normal",
+                       "exit", "no interface vlanif20", "dhcp-relay enable"),
+        "settings": lines("conf t", "dhcp-server information disable", "no dhcp-server write-time",
+                          "dhcp-server relay-reply-port 68", "dhcp-server enable",
+                          "no debug dhcp packet", "debug dhcp events", "end", "write memory"),
+        "errors": lines("conf t", "dhcp-server pool " + "x" * 40, "dhcp-server pool p1",
+                        "network 300.1.1.1/24", "begin-ip 192.168.1.200 end-ip 192.168.1.100",
+                        "allow circuit-id " + "c" * 40, "port-bind swp9 192.168.1.61",
+                        "static 192.168.1.51 zz-00", "lease 99999999999"),
+        "describe_and_exit": lines("show dhcp-server", "show dhcp-server lease", "show dhcp-relay",
+                                   "show debugging dhcp", "list", "exit", "show running-config"),
+    }
+
+
+def vty_cases():
+    def req(kind, line):
+        return kind + line + b"\0"
+    return {
+        "session": req(b"P", b"") + req(b"X", b"configure terminal") + req(b"D", b"ec") +
+        req(b"C", b"e") + req(b"X", b"echo a b c") + req(b"X", b"exit") + req(b"X", b"fill 70000"),
+        "long_refused": req(b"X", b"echo " + b"y" * 4100) + req(b"X", b"warn once"),
+        "exact_max": req(b"X", b"echo " + b"z" * 4091) + req(b"Q", b"what"),
+        "empty_frames": b"\0\0" + req(b"X", b"") + b"Xno terminator",
+        "exit_first": req(b"X", b"exit") + req(b"P", b""),
+        "fill": req(b"X", b"fill 65535") + req(b"X", b"fill 1"),
+    }
+
+
+def bus(mtype, payload, magic=0x5542, length=None):
+    n = len(payload) if length is None else length
+    return magic.to_bytes(2, "big") + mtype.to_bytes(2, "big") + n.to_bytes(4, "big") + payload
+
+
+def uclient_cases():
+    trust = lambda port, on: bus(6, port.to_bytes(4, "big") + bytes([on]))
+    return {
+        "snooping": bytes([255]) + bus(5, b"\x01") + trust(3, 1) + trust(4095, 1) + trust(3, 0) +
+        bus(7, b"") + bus(3, b"ping!"),
+        "byte_by_byte": bytes([0]) + bus(1, b"peer") + bus(2, b"swp1") + bus(3, b"x") +
+        bus(7, b""),
+        "bad_magic": bytes([1]) + bus(3, b"a") + bus(3, b"b", magic=0x5543) + bus(3, b"c"),
+        "over_long": bytes([8]) + bus(3, b"", length=65537),
+        "bad_payloads": bytes([2]) + bus(2, b"a\0b") + bus(5, b"\x02"),
+        "trust_range": bytes([2]) + trust(0, 1),
+        "unknown_types": bytes([3]) + bus(99, b"zz") + bus(8, b"\x01") + bus(4, b"") +
+        bus(6, b"\x00\x00\x00\x05\x01") + bus(5, b"\x01"),
+        "cut": bytes([16]) + bus(3, b"12345678")[:11],
+    }
+
+
+def nl(mtype, body, flags=0, seq=0):
+    n = 16 + len(body)
+    pad = (-n) % 4
+    return (n.to_bytes(4, "little") + mtype.to_bytes(2, "little") + flags.to_bytes(2, "little") +
+            seq.to_bytes(4, "little") + bytes(4) + body + bytes(pad))
+
+
+def rta(t, value):
+    n = 4 + len(value)
+    return n.to_bytes(2, "little") + t.to_bytes(2, "little") + value + bytes((-n) % 4)
+
+
+def link(mtype, index, name, flags, family=0):
+    ifi = bytes([family, 0]) + (1).to_bytes(2, "little") + index.to_bytes(4, "little", signed=True) + \
+        flags.to_bytes(4, "little") + bytes(4)
+    return nl(mtype, ifi + rta(3, name + b"\0") + rta(4, (1500).to_bytes(4, "little")) +
+              rta(1, mac(index)))
+
+
+def addr(mtype, index, a, plen, peer=None, family=2):
+    ifa = bytes([family, plen, 0, 0]) + index.to_bytes(4, "little")
+    attrs = rta(2, ip4(a)) + rta(1, ip4(peer if peer else a))
+    return nl(mtype, ifa + attrs)
+
+
+def zmsg(cmd, body):
+    n = 8 + len(body)
+    return n.to_bytes(2, "big") + bytes([255, 2]) + bytes(2) + cmd.to_bytes(2, "big") + body
+
+
+def zif(name, index, flags=0x41):
+    return (name.ljust(20, b"\0") + index.to_bytes(4, "big") + b"\0" + flags.to_bytes(8, "big") +
+            (1).to_bytes(4, "big") + (1500).to_bytes(4, "big") + (6).to_bytes(4, "big") + mac(index))
+
+
+def zaddr(index, a, plen, flags=0, dest="0.0.0.0"):
+    return index.to_bytes(4, "big") + bytes([flags, 2]) + ip4(a) + bytes([plen]) + ip4(dest)
+
+
+def zclient_cases():
+    NEWLINK, DELLINK, NEWADDR, DELADDR = 16, 17, 20, 21
+    rec = lambda kind, b: bytes([kind]) + len(b).to_bytes(2, "big") + b
+    up = 0x41
+    return {
+        "netlink_life": rec(1, link(NEWLINK, 5, b"vlanif10", up)) +
+        rec(1, addr(NEWADDR, 5, "192.168.1.1", 24)) + rec(1, link(NEWLINK, 5, b"vlanif10", 0)) +
+        rec(1, addr(DELADDR, 5, "192.168.1.1", 24)) + rec(1, link(DELLINK, 5, b"vlanif10", 0)),
+        "netlink_rename_and_peer": rec(1, link(NEWLINK, 7, b"vlanif20", up) +
+                                       addr(NEWADDR, 7, "10.0.0.1", 8, peer="10.0.0.2")) +
+        rec(1, link(NEWLINK, 7, b"vlanif21", up)) + rec(1, link(NEWLINK, 8, b"br0", up, family=7)),
+        "netlink_delete_with_addresses": rec(1, link(NEWLINK, 5, b"vlanif10", up) +
+                                             addr(NEWADDR, 5, "192.168.1.1", 24) +
+                                             addr(NEWADDR, 5, "10.1.1.1", 8) +
+                                             link(DELLINK, 5, b"vlanif10", up)),
+        "zebra_life": rec(0, zmsg(1, zif(b"vlanif10", 5))) +
+        rec(0, zmsg(3, zaddr(5, "192.168.1.1", 24))) + rec(0, zmsg(6, zif(b"vlanif10", 5, 0))) +
+        rec(0, zmsg(5, zif(b"vlanif10", 5))) + rec(0, zmsg(4, zaddr(5, "192.168.1.1", 24))) +
+        rec(0, zmsg(2, zif(b"vlanif10", 5))),
+        "zebra_peer_and_unknown": rec(0, zmsg(1, zif(b"vlanif20", 6))) +
+        rec(0, zmsg(3, zaddr(6, "10.0.0.1", 32, flags=2, dest="10.0.0.2"))) +
+        rec(0, zmsg(5, zif(b"nothere", 99))) + rec(0, zmsg(4, zaddr(42, "1.1.1.1", 24))),
+        "zebra_bad_lengths": rec(0, zmsg(1, zif(b"x" * 20, 5))[:30]) +
+        rec(0, bytes([0, 4, 255, 2, 0, 0, 0, 1])) + rec(0, zmsg(9, b"")),
+    }
+
+
 def main():
     for target, cases in (("get_option", get_option_cases()),
                           ("build_reply", build_reply_cases()),
                           ("relay_frame", relay_frame_cases()),
-                          ("option82", option82_cases())):
+                          ("option82", option82_cases()),
+                          ("dhcps_request", dhcps_request_cases()),
+                          ("lease_file", lease_file_cases()),
+                          ("cli", cli_cases()),
+                          ("vty_proto", vty_cases()),
+                          ("uclient", uclient_cases()),
+                          ("zclient", zclient_cases())):
         d = HERE / "corpus" / target
-        shutil.rmtree(d, ignore_errors=True)
-        d.mkdir(parents=True)
+        d.mkdir(parents=True, exist_ok=True)
+        # Regression seeds stay; the generated ones are written afresh.
+        for old in d.iterdir():
+            if not old.name.startswith("regress-"):
+                old.unlink()
         for name, data in cases.items():
             (d / name).write_bytes(data)
         print(f"{target}: {len(cases)} inputs")

@@ -15,6 +15,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 #include <memory>
 #include <vector>
 
@@ -265,12 +266,23 @@ void hal_fdb_force_dump(int on) {
     chan().get_unsupported = on != 0;
 }
 
+namespace {
+hal_mac_port_lookup mac_port_lookup;
+}  // namespace
+
+void hal_set_mac_port_lookup(hal_mac_port_lookup lookup) {
+    mac_port_lookup = std::move(lookup);
+}
+
 int hal_mac_get_port(std::uint16_t vid, const std::uint8_t *mac, std::uint32_t *port) {
     if (port != nullptr) {
         *port = 0;
     }
     if (mac == nullptr || port == nullptr) {
         return -1;
+    }
+    if (mac_port_lookup) {
+        return mac_port_lookup(vid, mac, port);
     }
     char name[IF_NAMESIZE];
     std::snprintf(name, sizeof name, "vlanif%u", static_cast<unsigned>(vid));

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 
 // Turns DHCP trapping on or off for one of its users. The server and the
 // relay each call it when they are turned on (non-zero) and off (0), and
@@ -39,3 +40,9 @@ int hal_mac_get_port(std::uint16_t vid, const std::uint8_t *mac, std::uint32_t *
 // Tests: 1 makes hal_mac_get_port walk the bridge's whole database, as it
 // does on kernels without the single-entry lookup; 0 goes back to normal.
 void hal_fdb_force_dump(int on);
+// Tests and fuzzers: answers hal_mac_get_port's questions in place of the
+// kernel (the arguments are checked first, as ever); an empty function goes
+// back to the kernel.
+using hal_mac_port_lookup =
+    std::function<int(std::uint16_t vid, const std::uint8_t *mac, std::uint32_t *port)>;
+void hal_set_mac_port_lookup(hal_mac_port_lookup lookup);

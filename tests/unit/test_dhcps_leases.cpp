@@ -277,6 +277,26 @@ TEST_F(Leases, OrderAfterMixedCreationsDeclinesAndConflicts) {
                                         "10.0.0.4", "10.0.0.2", "10.0.0.103", "10.0.0.11"}));
 }
 
+// The consistency check agrees with every index after each kind of change:
+// creations, declines in place, expiry moves, clearing, deletion for space.
+TEST_F(Leases, IndexesAgreeWithAPlainWalkAfterEveryChange) {
+    EXPECT_EQ(dhcps_leases_check(), "");
+    client(1, "10.0.0.1");
+    dhcps_lease *c2 = client(2, "10.0.0.2", kNow - 5);
+    conflict("10.0.0.101");
+    EXPECT_EQ(dhcps_leases_check(), "");
+    decline(c2);
+    EXPECT_EQ(dhcps_leases_check(), "");
+    dhcps_lease_set_expires(dhcps_find_lease_by_nip(nip("10.0.0.1")), kNow - 1);
+    client(3, "10.0.0.101");  // replaces the conflict reservation
+    client(1, "10.0.0.2");    // replaces both records of MAC 1 and address .2
+    EXPECT_EQ(dhcps_leases_check(), "");
+    dhcps_delete_an_expired_leases();
+    dhcps_clear_leases(mac(3).data(), 0);
+    EXPECT_EQ(dhcps_leases_check(), "");
+    EXPECT_EQ(walk(), (std::vector<std::string>{"10.0.0.2"}));
+}
+
 TEST_F(Leases, LookupsAnswerTheFirstRecordInTableOrder) {
     dhcps_lease *a = client(1, "10.0.0.1");
     dhcps_lease *b = client(2, "10.0.0.2");

@@ -28,6 +28,7 @@
 #include "lib/log.h"
 #include "lib/thread.h"
 #include "platform/clock.h"
+#include "platform/hal.h"
 
 namespace {
 
@@ -574,6 +575,28 @@ TEST_F(Server, StaticBindingIsOfferedEvenOutsideTheRange) {
     handle(r);
     EXPECT_EQ(options_of(sent.back().reply)[0].second, std::vector<std::uint8_t>{DHCPACK});
     EXPECT_EQ(sent.back().reply.yiaddr, nip("192.168.1.200"));
+}
+
+// The switch port on which the client's MAC was learned picks its port
+// binding; the question goes to the forwarding database in the client's VLAN.
+TEST_F(Server, PortBindingFollowsTheSwitchPortOfTheMac) {
+    pool->port_binds.push_back({nip("192.168.1.210"), static_cast<std::int32_t>(0x01000003)});
+    std::vector<std::uint16_t> asked;
+    hal_set_mac_port_lookup(
+        [&asked](std::uint16_t vid, const std::uint8_t *m, std::uint32_t *port) {
+            asked.push_back(vid);
+            *port = m[5] == 9 ? 0x01000003u : 0;
+            return 0;
+        });
+    Request d(DHCPDISCOVER, 9);
+    handle(d);
+    Request other(DHCPDISCOVER, 10);
+    handle(other);
+    hal_set_mac_port_lookup({});
+    ASSERT_EQ(sent.size(), 2u);
+    EXPECT_EQ(ip(sent[0].reply.yiaddr), "192.168.1.210");
+    EXPECT_EQ(ip(sent[1].reply.yiaddr), "192.168.1.10");
+    EXPECT_EQ(asked, (std::vector<std::uint16_t>{10, 10}));
 }
 
 TEST_F(Server, OwnLeaseOutsideTheRangeIsNotOfferedAgain) {
