@@ -245,6 +245,13 @@ int vty_read(thread *t) {
         arm_read(s);
         return 0;
     }
+    if (n == 0 && !s->pending.empty()) {
+        // The client shut down its sending side only: the replies it asked
+        // for still go out, then the session closes.
+        s->closing = true;
+        after_send(s, true);
+        return 0;
+    }
     if (n <= 0) {
         session_close(s);
         return 0;

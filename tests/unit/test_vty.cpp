@@ -61,6 +61,7 @@ class Client {
     ~Client() { close(); }
 
     bool connected() const { return connected_; }
+    void shutdown_write() { ::shutdown(fd_, SHUT_WR); }
     void close() {
         if (fd_ >= 0) {
             ::close(fd_);
@@ -396,6 +397,23 @@ TEST_F(Server, CloseWithRepliesUnread) {
         ASSERT_TRUE(c.send_all(request('X', "big-output")));
         settle();
     }
+    settle();
+    EXPECT_EQ(vty_session_count(), 0u);
+}
+
+TEST_F(Server, HalfCloseStillGetsEveryReply) {
+    Client c(m, path);
+    big_output_size = 2u << 20;
+    ASSERT_TRUE(c.send_all(request('X', "show running-config") + request('X', "big-output")));
+    c.shutdown_write();
+    auto first = c.reply(60000);
+    ASSERT_TRUE(first.has_value());
+    EXPECT_EQ(first->code, CMD_SUCCESS);
+    auto r = c.reply(60000);
+    ASSERT_TRUE(r.has_value());
+    EXPECT_EQ(r->text.size(), big_output_size);
+    EXPECT_EQ(r->prompt, "sw1# ");
+    EXPECT_TRUE(c.wait_eof());
     settle();
     EXPECT_EQ(vty_session_count(), 0u);
 }
