@@ -114,6 +114,22 @@ int set_addr_option(vty *vty, dhcps_pool *pool, const char *text, const dhcp_opt
     return CMD_SUCCESS;
 }
 
+// A pool name must be one word the CLI can type: the saved configuration
+// names the pool in "dhcp-server pool NAME" and has to replay. The command
+// line never hands over anything else; the JSON surface can.
+bool pool_name_typable(const char *name) {
+    if (*name == '\0') {
+        return false;
+    }
+    for (const char *c = name; *c != '\0'; ++c) {
+        const auto u = static_cast<unsigned char>(*c);
+        if (u <= 0x20 || u == 0x7f) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // The pool a session is in; none when it was deleted under the session.
 dhcps_pool *current_pool(vty *vty) {
     const auto *want = static_cast<const dhcps_pool *>(vty->index);
@@ -569,7 +585,7 @@ int dhcps_show_leases(vty *vty, std::uint32_t nip) {
 // ---- pool entry and removal ----
 
 int dhcps_pool_enter(vty *vty, const char *name, dhcps_pool **out) {
-    if (name == nullptr || out == nullptr) {
+    if (name == nullptr || out == nullptr || !pool_name_typable(name)) {
         return CMD_WARNING;
     }
     if (std::strlen(name) >= DHCPS_POOL_NAME_LEN) {
