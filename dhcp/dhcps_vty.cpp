@@ -867,6 +867,13 @@ std::size_t dhcps_static_count() {
     return static_total;
 }
 
+void dhcps_static_count_recount() {
+    static_total = 0;
+    for (const auto &p : dhcps_pool_list()) {
+        static_total += p->static_leases.size();
+    }
+}
+
 int dhcps_pool_add_port_bind(vty *vty, dhcps_pool *pool, const char *ifname, const char *ip) {
     if (pool == nullptr || ifname == nullptr || ip == nullptr) {
         return CMD_WARNING;

@@ -71,6 +71,9 @@ int dhcps_pool_add_static(vty *vty, dhcps_pool *pool, const char *ip, const char
 int dhcps_pool_delete_static(vty *vty, dhcps_pool *pool, const char *ip);
 // Static bindings counted over all pools.
 std::size_t dhcps_static_count();
+// Counts again only the bindings of the pools that exist, forgetting those
+// of deleted pools (tests and fuzzers that start over in one process).
+void dhcps_static_count_recount();
 
 // Port bindings (switch port to address).
 int dhcps_pool_add_port_bind(vty *vty, dhcps_pool *pool, const char *ifname, const char *ip);
