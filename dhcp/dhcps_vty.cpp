@@ -305,6 +305,8 @@ DEFUN(pool_network, pool_network_cmd, "network A.B.C.D/M",
 DEFUN(pool_range, pool_range_cmd, "begin-ip A.B.C.D end-ip A.B.C.D",
       "pool ip range, begin-ip\nSpecify the begin-ip address\npool ip range, end-ip\n"
       "Specify the end-ip address\n") {
+    // The engine hands over both addresses; a missing text is the setter's
+    // silent refusal, the wrong count the command's own.
     if (argc != 2) {
         vty_out(vty, "%% Format: begin-ip A.B.C.D/M end-ip A.B.C.D/M%s", VTY_NEWLINE);
         return CMD_WARNING;
@@ -323,11 +325,8 @@ DEFUN(no_pool_domain, no_pool_domain_cmd, "no domain-name", NO_STR "Domain name\
 
 DEFUN(pool_dns, pool_dns_cmd, "dns-server .DNSLIST",
       "Configure DNS server\nSpecify the IP address of DNS server List\n") {
-    if (argc < 1 || argc > 2) {
-        vty_out(vty, "%% Only support max 2 DNS Servers!%s", VTY_NEWLINE);
-        return CMD_WARNING;
-    }
-    return dhcps_pool_set_dns(vty, current_pool(vty), argv[0], argc == 2 ? argv[1] : nullptr);
+    return dhcps_pool_set_dns_list(vty, current_pool(vty),
+                                   std::span(argv, static_cast<std::size_t>(std::max(argc, 0))));
 }
 
 DEFUN(no_pool_dns, no_pool_dns_cmd, "no dns-server", NO_STR "Configure DNS server\n") {
@@ -713,6 +712,14 @@ int dhcps_pool_set_dns(vty *vty, dhcps_pool *pool, const char *text1, const char
     }
     replace_option(pool, OPT_DNS, addr_bytes(std::span(nips).first(count)));
     return CMD_SUCCESS;
+}
+
+int dhcps_pool_set_dns_list(vty *vty, dhcps_pool *pool, std::span<const char *const> texts) {
+    if (texts.empty() || texts.size() > 2) {
+        vty_out(vty, "%% Only support max 2 DNS Servers!%s", VTY_NEWLINE);
+        return CMD_WARNING;
+    }
+    return dhcps_pool_set_dns(vty, pool, texts[0], texts.size() == 2 ? texts[1] : nullptr);
 }
 
 int dhcps_pool_set_netbios(vty *vty, dhcps_pool *pool, const char *text) {

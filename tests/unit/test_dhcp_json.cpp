@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <span>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -808,6 +809,50 @@ TEST_F(Json, EveryStaticBindingOfSixteenPoolsFits) {
         }
     }
     EXPECT_EQ(req(R"({"cmd":"dhcps_bind_mac_ip_get_all"})"), expect + "]}");
+}
+
+}  // namespace
+
+namespace {
+
+// ---- one set of rules ----
+
+// The DNS server count is the setter's rule, so the command and a request
+// refuse the same lists; without a vty nothing is printed.
+TEST_F(Json, DnsListCountIsTheSettersRule) {
+    pool("p1", "192.168.1.1", "192.168.1.0/24");
+    dhcps_pool *p = dhcps_lookup_by_name("p1");
+    const char *three[] = {"1.1.1.1", "2.2.2.2", "3.3.3.3"};
+    std::unique_ptr<vty> v = vty_new(VTY_SHELL_SERV);
+    EXPECT_EQ(dhcps_pool_set_dns_list(v.get(), p, three), CMD_WARNING);
+    EXPECT_EQ(v->obuf, "% Only support max 2 DNS Servers!\n");
+    EXPECT_EQ(dhcps_pool_set_dns_list(v.get(), p, {}), CMD_WARNING);
+    v->obuf.clear();
+    EXPECT_EQ(dhcps_pool_set_dns_list(nullptr, p, three), CMD_WARNING);
+    EXPECT_EQ(dhcps_pool_set_dns_list(v.get(), p, std::span(three).first(2)), CMD_SUCCESS);
+    EXPECT_EQ(v->obuf, "");
+    EXPECT_NE(running().find(" dns-server 1.1.1.1 2.2.2.2\n"), std::string::npos);
+}
+
+// Refusals that print a message on the CLI print nothing for a request.
+TEST_F(Json, FailedRequestsPrintNothing) {
+    pool("p1", "192.168.1.1", "192.168.1.0/24");
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(
+        req(R"({"cmd":"dhcps_pool_add","config":[{"pool_name":"p2","default_router":"1.1.1.1","network":"10.0.0.0/8"},{"pool_name":"p3","default_router":"1.1.1.1"}]})"),
+        "{result: 3}");
+    EXPECT_EQ(
+        req(R"({"cmd":"dhcps_pool_config","config":[{"pool_name":"p1","begin_ip":"1.1.1.1","end_ip":"1.1.1.2"}]})"),
+        "{result: 4}");
+    EXPECT_EQ(
+        req(R"({"cmd":"dhcps_bind_port_ip_add","config":[{"pool_name":"p1","bind_port":"swp9","bind_ip":"192.168.1.5"}]})"),
+        "{result: 15}");
+    EXPECT_EQ(req(R"({"cmd":"dhcpr_if_server_delete","config":[{"if_name":"vlanif10"}]})"),
+              "{result: 19}");
+    EXPECT_EQ(
+        req(R"({"cmd":"dhcpr_if_server_add","config":[{"if_name":"vlanif10","server_ip":"10.0.0.9"}]})"),
+        "");
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
 }
 
 }  // namespace
