@@ -99,7 +99,10 @@ std::array<char, REPLY_MAX + 1> response;
 // out of room is cut after its last whole object and still closed.
 class reply_writer {
   public:
-    explicit reply_writer(char *buf) : buf_(buf) {}
+    // Only our own buffer has a known size: handed any other, nothing is
+    // written.
+    explicit reply_writer(char *buf)
+        : buf_(buf), cap_(buf == response.data() ? response.size() : 0) {}
 
     // Appends the formatted text whole, or nothing (false) when it does not
     // fit.
@@ -148,7 +151,10 @@ class reply_writer {
 
   private:
     bool vadd(const char *format, va_list args) {
-        const std::size_t room = response.size() - len_ - held_;  // never below 1
+        if (len_ + held_ >= cap_) {
+            return false;
+        }
+        const std::size_t room = cap_ - len_ - held_;
         const int n = std::vsnprintf(buf_ + len_, room, format, args);
         if (n < 0 || static_cast<std::size_t>(n) >= room) {
             return false;
@@ -158,6 +164,7 @@ class reply_writer {
     }
 
     char *buf_;
+    std::size_t cap_;
     std::size_t len_ = 0;
     std::size_t held_ = 0;
     std::size_t objects_ = 0;
