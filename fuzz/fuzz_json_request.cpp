@@ -82,6 +82,11 @@ bool set_up() {
     zlog_set_level(zl, ZLOG_DEST_STDOUT, ZLOG_DISABLED);
     const fs::path dir = scratch_dir();
     fs::remove_all(dir);
+    // libFuzzer ends the process with exit(): the scratch files go then.
+    std::atexit([] {
+        std::error_code ec;
+        fs::remove_all(scratch_dir(), ec);
+    });
     const fs::path sys = dir / "sys";
     netdev(sys, "vlanif10", 5);
     for (int i = 1; i <= 3; ++i) {
