@@ -18,6 +18,18 @@ struct thread_master;
 
 constexpr const char *DHCP_JSON_PATH = "/var/run/dhcp.jsr";
 
+// Size of the one response buffer: the largest reply any request can make
+// (a page of every lease the table may hold, every pool, every static
+// binding); computed in dhcp_json.cpp from the modules' limits.
+extern const std::size_t DHCP_JSON_RESPONSE_SIZE;
+
+// Member readers of the requests (case-insensitive names, as cJSON's
+// cJSON_GetObjectItem): the integer of a number member, 0 when the member
+// is missing or not a number; the text of a string member, nullptr when it
+// is missing or not a string.
+int cJSON_GetObjectItemInt(const cJSON *object, const char *name);
+const char *cJSON_GetObjectItemString(const cJSON *object, const char *name);
+
 // Starts the request server on DHCP_JSON_PATH and registers the requests.
 void dhcp_json_init(thread_master *master);
 // Registers the requests with the dispatcher only (tests, fuzzing).

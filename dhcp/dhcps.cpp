@@ -30,7 +30,7 @@ thread_master *server_master = nullptr;
 // with its own setter.
 std::uint32_t relay_reply_port = DHCP_CLIENT_PORT;
 constexpr std::uint32_t kMaxLeaseMin = 2048;
-constexpr std::uint32_t kMaxLeaseMax = 10240;
+constexpr std::uint32_t kMaxLeaseMax = DHCPS_MAX_LEASE_NUM_MAX;
 constexpr std::uint32_t kMaxLeaseDefault = 4096;
 }  // namespace
 

@@ -25,6 +25,8 @@ constexpr std::uint32_t DHCPS_DEFAULT_LEASE_TIME = 864000;
 constexpr std::size_t DHCPS_ALLOW_CIRCUIT_MAX = 256;  // over all pools
 constexpr std::size_t DHCPS_ALLOW_CIRCUIT_LEN = 32;   // with the terminator
 constexpr std::size_t DHCPS_STATIC_MAX = 1024;        // over all pools
+// The largest maximum lease number the settings take ("max-lease-num").
+constexpr std::uint32_t DHCPS_MAX_LEASE_NUM_MAX = 10240;
 
 struct dhcps_static_lease {
     std::uint32_t ip;  // network order

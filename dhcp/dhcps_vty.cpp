@@ -114,6 +114,22 @@ int set_addr_option(vty *vty, dhcps_pool *pool, const char *text, const dhcp_opt
     return CMD_SUCCESS;
 }
 
+// A pool name must be one word the CLI can type: the saved configuration
+// names the pool in "dhcp-server pool NAME" and has to replay. The command
+// line never hands over anything else; the JSON surface can.
+bool pool_name_typable(const char *name) {
+    if (*name == '\0') {
+        return false;
+    }
+    for (const char *c = name; *c != '\0'; ++c) {
+        const auto u = static_cast<unsigned char>(*c);
+        if (u <= 0x20 || u == 0x7f) {
+            return false;
+        }
+    }
+    return true;
+}
+
 // The pool a session is in; none when it was deleted under the session.
 dhcps_pool *current_pool(vty *vty) {
     const auto *want = static_cast<const dhcps_pool *>(vty->index);
@@ -289,6 +305,8 @@ DEFUN(pool_network, pool_network_cmd, "network A.B.C.D/M",
 DEFUN(pool_range, pool_range_cmd, "begin-ip A.B.C.D end-ip A.B.C.D",
       "pool ip range, begin-ip\nSpecify the begin-ip address\npool ip range, end-ip\n"
       "Specify the end-ip address\n") {
+    // The engine hands over both addresses; a missing text is the setter's
+    // silent refusal, the wrong count the command's own.
     if (argc != 2) {
         vty_out(vty, "%% Format: begin-ip A.B.C.D/M end-ip A.B.C.D/M%s", VTY_NEWLINE);
         return CMD_WARNING;
@@ -307,11 +325,8 @@ DEFUN(no_pool_domain, no_pool_domain_cmd, "no domain-name", NO_STR "Domain name\
 
 DEFUN(pool_dns, pool_dns_cmd, "dns-server .DNSLIST",
       "Configure DNS server\nSpecify the IP address of DNS server List\n") {
-    if (argc < 1 || argc > 2) {
-        vty_out(vty, "%% Only support max 2 DNS Servers!%s", VTY_NEWLINE);
-        return CMD_WARNING;
-    }
-    return dhcps_pool_set_dns(vty, current_pool(vty), argv[0], argc == 2 ? argv[1] : nullptr);
+    return dhcps_pool_set_dns_list(vty, current_pool(vty),
+                                   std::span(argv, static_cast<std::size_t>(std::max(argc, 0))));
 }
 
 DEFUN(no_pool_dns, no_pool_dns_cmd, "no dns-server", NO_STR "Configure DNS server\n") {
@@ -569,7 +584,7 @@ int dhcps_show_leases(vty *vty, std::uint32_t nip) {
 // ---- pool entry and removal ----
 
 int dhcps_pool_enter(vty *vty, const char *name, dhcps_pool **out) {
-    if (name == nullptr || out == nullptr) {
+    if (name == nullptr || out == nullptr || !pool_name_typable(name)) {
         return CMD_WARNING;
     }
     if (std::strlen(name) >= DHCPS_POOL_NAME_LEN) {
@@ -697,6 +712,14 @@ int dhcps_pool_set_dns(vty *vty, dhcps_pool *pool, const char *text1, const char
     }
     replace_option(pool, OPT_DNS, addr_bytes(std::span(nips).first(count)));
     return CMD_SUCCESS;
+}
+
+int dhcps_pool_set_dns_list(vty *vty, dhcps_pool *pool, std::span<const char *const> texts) {
+    if (texts.empty() || texts.size() > 2) {
+        vty_out(vty, "%% Only support max 2 DNS Servers!%s", VTY_NEWLINE);
+        return CMD_WARNING;
+    }
+    return dhcps_pool_set_dns(vty, pool, texts[0], texts.size() == 2 ? texts[1] : nullptr);
 }
 
 int dhcps_pool_set_netbios(vty *vty, dhcps_pool *pool, const char *text) {
@@ -849,6 +872,13 @@ int dhcps_pool_delete_static(vty *vty, dhcps_pool *pool, const char *ip) {
 
 std::size_t dhcps_static_count() {
     return static_total;
+}
+
+void dhcps_static_count_recount() {
+    static_total = 0;
+    for (const auto &p : dhcps_pool_list()) {
+        static_total += p->static_leases.size();
+    }
 }
 
 int dhcps_pool_add_port_bind(vty *vty, dhcps_pool *pool, const char *ifname, const char *ip) {

@@ -12,6 +12,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <span>
 
 struct vty;
 struct dhcps_pool;
@@ -49,6 +50,8 @@ int dhcps_pool_set_range(vty *vty, dhcps_pool *pool, const char *begin, const ch
 int dhcps_pool_set_domain(vty *vty, dhcps_pool *pool, const char *text);
 // `text2` may be nullptr or empty for a single server.
 int dhcps_pool_set_dns(vty *vty, dhcps_pool *pool, const char *text1, const char *text2);
+// One or two servers as the command gives them; more are refused.
+int dhcps_pool_set_dns_list(vty *vty, dhcps_pool *pool, std::span<const char *const> texts);
 int dhcps_pool_set_netbios(vty *vty, dhcps_pool *pool, const char *text);
 int dhcps_pool_set_router(vty *vty, dhcps_pool *pool, const char *text);
 // 0 on success (values above one year are cut to it), else the option
@@ -71,6 +74,9 @@ int dhcps_pool_add_static(vty *vty, dhcps_pool *pool, const char *ip, const char
 int dhcps_pool_delete_static(vty *vty, dhcps_pool *pool, const char *ip);
 // Static bindings counted over all pools.
 std::size_t dhcps_static_count();
+// Counts again only the bindings of the pools that exist, forgetting those
+// of deleted pools (tests and fuzzers that start over in one process).
+void dhcps_static_count_recount();
 
 // Port bindings (switch port to address).
 int dhcps_pool_add_port_bind(vty *vty, dhcps_pool *pool, const char *ifname, const char *ip);

@@ -4,11 +4,12 @@ fuzz_get_option, tricky option lists for fuzz_build_reply, trapped-frame
 exchanges for fuzz_relay_frame, requests for fuzz_option82, client
 conversations for fuzz_dhcps_request, lease files for fuzz_lease_file,
 command lines for fuzz_cli, shell-protocol streams for fuzz_vty_proto,
-management-bus streams for fuzz_uclient and interface-manager messages for
-fuzz_zclient. Seeds named regress-* are regression inputs of fixed bugs and
-are kept as they are.
+management-bus streams for fuzz_uclient, interface-manager messages for
+fuzz_zclient and one JSON request of each kind for fuzz_json_request. Seeds
+named regress-* are regression inputs of fixed bugs and are kept as they are.
 
 Run from anywhere; rewrites fuzz/corpus/<target>/ beside this script."""
+import json
 import pathlib
 import shutil
 
@@ -420,6 +421,58 @@ def zclient_cases():
         "zebra_bad_lengths": rec(0, zmsg(1, zif(b"x" * 20, 5))[:30]) +
         rec(0, bytes([0, 4, 255, 2, 0, 0, 0, 1])) + rec(0, zmsg(9, b"")),
     }
+def json_request_cases():
+    # One request of each kind, changing ones with a failing second item, on
+    # the state the fuzzer builds (pools p1, p2, p3, ports swp1..3, vlanif10,
+    # vlanif20 relaying to 10.0.20.2, vlanif30).
+    p1 = "192.168.1."
+    seeds = {
+        "gloabl_set": {"cmd": "dhcps_gloabl_set",
+                       "config": [{"enable": 1, "max_lease_num": 5000}, {"max_lease_num": 2048}]},
+        "gloabl_get": {"cmd": "dhcps_gloabl_get"},
+        "pool_add": {"cmd": "dhcps_pool_add", "config": [
+            {"pool_name": "p4", "default_router": "172.16.0.1", "network": "172.16.0.0/16",
+             "begin_ip": "172.16.1.1", "end_ip": "172.16.1.200", "lease_time": 3600,
+             "dns_server1": "8.8.8.8", "dns_server2": "8.8.4.4", "domain_name": "10.0.0.5",
+             "netbios_server": "10.0.0.6"},
+            {"pool_name": "p5", "default_router": "10.0.20.1", "network": "10.0.20.0/33"}]},
+        "pool_delete": {"cmd": "dhcps_pool_delete",
+                        "config": [{"pool_name": "p2"}, {"pool_name": "nope"}, {"pool_name": "p1"}]},
+        "pool_config": {"cmd": "dhcps_pool_config", "config": [
+            {"pool_name": "p1", "lease_time": 0, "begin_ip": p1 + "10", "end_ip": p1 + "20"},
+            {"pool_name": "p1", "dns_server2": "1.1.1.1"}]},
+        "pool_list": {"cmd": "dhcps_pool_list"},
+        "pool_get_all": {"cmd": "dhcps_pool_get_all"},
+        "leases_get_page": {"cmd": "dhcps_leases_get_page", "data": [{"index": 5, "count": 10}]},
+        "bind_mac_ip_add": {"cmd": "dhcps_bind_mac_ip_add", "config": [
+            {"pool_name": "p1", "bind_ip": p1 + "61", "bind_mac": "00-11-22-33-44-66"},
+            {"pool_name": "p2", "bind_ip": "10.0.21.1", "bind_mac": "00-11-22-33-44-67"}]},
+        "bind_mac_ip_delete": {"cmd": "dhcps_bind_mac_ip_delete",
+                               "config": [{"pool_name": "p1", "bind_ip": p1 + "60"},
+                                          {"pool_name": "p2"}]},
+        "bind_mac_ip_get_all": {"cmd": "dhcps_bind_mac_ip_get_all"},
+        "l2_if_list": {"cmd": "dhcps_l2_if_list"},
+        "bind_port_ip_add": {"cmd": "dhcps_bind_port_ip_add", "config": [
+            {"pool_name": "p1", "bind_port": "swp3", "bind_ip": p1 + "52"},
+            {"pool_name": "p1", "bind_port": "swp1", "bind_ip": p1 + "53"}]},
+        "bind_port_ip_delete": {"cmd": "dhcps_bind_port_ip_delete", "config": [
+            {"pool_name": "p1", "bind_port": "swp1", "bind_ip": ""},
+            {"pool_name": "p2", "bind_port": "swp9"}]},
+        "bind_port_ip_get_all": {"cmd": "dhcps_bind_port_ip_get_all"},
+        "state_set": {"cmd": "dhcpr_state_set", "config": [{"enable": 1}, {"enable": 0}]},
+        "state_get": {"cmd": "dhcpr_state_get"},
+        "l3_if_list": {"cmd": "dhcpr_l3_if_list"},
+        "if_server_add": {"cmd": "dhcpr_if_server_add", "config": [
+            {"if_name": "vlanif10", "server_ip": p1 + "2"},
+            {"if_name": "vlanif30", "server_ip": "bad"}]},
+        "if_server_delete": {"cmd": "dhcpr_if_server_delete", "config": [
+            {"if_name": "vlanif20", "server_ip": "10.0.20.2"}, {"if_name": "vlanif20"}]},
+        "if_server_get_all": {"cmd": "dhcpr_if_server_get_all"},
+    }
+    cases = {k: json.dumps(v, separators=(",", ":")).encode() for k, v in seeds.items()}
+    cases["not_json"] = b'{"cmd":"dhcps_pool_add","config":['
+    cases["unknown_cmd"] = b'{"cmd":"dhcps_global_get"}'
+    return cases
 
 
 def main():
@@ -432,7 +485,8 @@ def main():
                           ("cli", cli_cases()),
                           ("vty_proto", vty_cases()),
                           ("uclient", uclient_cases()),
-                          ("zclient", zclient_cases())):
+                          ("zclient", zclient_cases()),
+                          ("json_request", json_request_cases())):
         d = HERE / "corpus" / target
         d.mkdir(parents=True, exist_ok=True)
         # Regression seeds stay; the generated ones are written afresh.

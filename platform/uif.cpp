@@ -145,6 +145,12 @@ void uif_refresh() {
     scan_ports();
 }
 
+void uif_foreach(const std::function<void(const uif &)> &fn) {
+    for (const auto &[idx, p] : T().ports) {
+        fn(p);
+    }
+}
+
 const uif *uif_lookup_by_name(const char *name) {
     if (name == nullptr) {
         return nullptr;

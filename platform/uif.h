@@ -13,6 +13,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 struct interface;
@@ -39,6 +40,8 @@ void uif_init();
 void uvlan_init();
 // Re-reads ports and VLANs from the system.
 void uif_refresh();
+// Walks the ports in index order, from the table as it stands (no re-read).
+void uif_foreach(const std::function<void(const uif &)> &fn);
 
 const uif *uif_lookup_by_name(const char *name);
 const uif *uif_lookup_by_index(std::uint32_t index);
