@@ -495,5 +495,264 @@ def test_server(server, case):
     assert leases(server.d) == server.leases
 
 
-def test_server_case_count():
-    assert len(SERVER_CASES) >= 150
+# ---- the relay ----
+#
+# Trapped frames pass a rule first (the switch chip's): IPv4, UDP or TCP, the
+# first fragment, a header of at least 20 bytes, port 67 or 68 at either end.
+# The relay then reads only the frame: the IP and UDP length fields and the
+# checksums are not looked at, the payload is what follows the headers.
+
+V10, V20 = "Interface vlanif10", "Interface vlanif20"
+RELAY_RX = {1: "DISCOVER received", 3: "REQUEST received", 4: "DECLINE received",
+            7: "RELEASE received", 8: "INFORM received"}
+MARKER = {(V10, "DISCOVER received"): 1, (V10, "requests forwarded"): 1,
+          (V10, "OFFER received"): 1, (V10, "replies delivered"): 1}
+
+
+def u16(b, at):
+    return struct.unpack(">H", b[at:at + 2])[0] if at + 2 <= len(b) else None
+
+
+def trapped(f):
+    """Whether the trap rule takes frame `f` (a read past the frame
+    refuses it)."""
+    off = 18 if u16(f, 12) == 0x8100 else 14
+    if u16(f, off - 2) != 0x0800 or len(f) < off + 20:
+        return False
+    ihl = f[off] & 0x0F
+    if f[off] >> 4 != 4 or f[off + 9] not in (6, 17) or u16(f, off + 6) & 0x1FFF or ihl < 5:
+        return False
+    # The source port first: when it is 67 or 68 the rule reads no further.
+    return u16(f, off + ihl * 4) in (67, 68) or u16(f, off + ihl * 4 + 2) in (67, 68)
+
+
+def relay_outcome(f, strategy=None):
+    """(kind, labels moved, forwarded payload or None) for a client's frame."""
+    if not trapped(f):
+        return ("kernel", {}, None)
+    off = 18 if u16(f, 12) == 0x8100 else 14
+    ip = f[off:]
+    if ip[9] != 17:
+        return ("refused", {("Channel", "not UDP"): 1}, None)
+    ihl = (ip[0] & 0x0F) * 4
+    payload = ip[ihl + 8:]
+    if len(ip) < ihl + 8:  # a length below 0 is refused before the port is read
+        return ("refused", {("Channel", "bad length"): 1}, None)
+    if u16(ip, ihl + 2) not in (67, 68):
+        return ("refused", {("Channel", "wrong port"): 1}, None)
+    if not 240 <= len(payload) <= 628:
+        return ("refused", {("Channel", "bad length"): 1}, None)
+    t = msg_type(payload) if payload[0] in (1, 2) else 0
+    rx = RELAY_RX.get(t, "other request received")
+    moved = {(V10, rx): 1}
+    if payload[3] >= 9:
+        moved[(V10, "hops exceeded")] = 1
+        return ("drop", moved, None)
+    if strategy == "drop" and get_option(payload, 82) is not None:
+        moved[(V10, "option 82 present")] = 1
+        return ("drop", moved, None)
+    if t not in RELAY_RX:
+        moved[(V10, "wrong request type")] = 1
+        return ("drop", moved, None)
+    moved[(V10, "requests forwarded")] = 1
+    out = bytearray(payload)
+    out[3] += 1
+    if out[24:28] == b"\0\0\0\0":
+        out[24:28] = ip4(RELAY_IP)
+    if out[10] & 0x80:
+        out[10:12] = b"\0\0"
+    # With option 82 replaced or added the options differ: checked apart.
+    same = strategy is None or (strategy == "keep" and get_option(payload, 82) is not None)
+    return ("forward", moved, bytes(out) if same else None)
+
+
+def discover(xid, pad=300, **kw):
+    m = bootp(xid, 1, **kw)
+    return m + b"\0" * max(0, pad - len(m))
+
+
+def relay_cases():
+    cases = []
+    usual = usual_options(1)
+    msg = discover(0)
+    full = len(msg)
+
+    def add(name, build, strategy=None):
+        cases.append((name, build, strategy))
+
+    for cut in [14, 20, 33, 34, 36, 37, 38, 40, 41, 42]:
+        add(f"frame-cut-{cut}", lambda x, c=cut: frame(discover(x), cut=c))
+    for at in FIELD_BOUNDARIES[1:] + [240] + [240 + i for i in range(1, len(usual) + 2)]:
+        add(f"frame-cut-dhcp-{at}", lambda x, a=at: frame(discover(x), cut=42 + a))
+    for cut in [16, 18, 38, 46, 46 + 239, 46 + 240]:
+        add(f"tagged-cut-{cut}", lambda x, c=cut: frame(discover(x), tag=10, cut=c))
+    add("tagged-vlan10-whole", lambda x: frame(discover(x), tag=10))
+    add("message-cut-consistent-239", lambda x: frame(discover(x)[:239]))
+    add("message-cut-consistent-240", lambda x: frame(discover(x)[:240]))
+    for at in OPTION_CUTS:
+        add(f"message-cut-consistent-{at}-padded",
+            lambda x, a=at: frame(discover(x, pad=0)[:a].ljust(300, b"\0")))
+    ip_total = 20 + 8 + full
+    for name, v in [("minus1", ip_total - 1), ("plus1", ip_total + 1), ("zero", 0),
+                    ("below-header", 19), ("max", 0xFFFF)]:
+        add(f"ip-total-length-{name}", lambda x, v=v: frame(discover(x), tot_len=v))
+    for v in [0, 4, 6, 7, 15]:
+        add(f"ip-ihl-{v}", lambda x, v=v: frame(discover(x), ihl=v))
+    add("ip-header-checksum-bad", lambda x: frame(discover(x), ip_csum="bad"))
+    add("ip-version-6", lambda x: b"".join([frame(discover(x))[:14],
+                                            bytes([0x65]), frame(discover(x))[15:]]))
+    for name, v in [("minus1", full + 7), ("plus1", full + 9), ("zero", 0), ("seven", 7),
+                    ("max", 0xFFFF)]:
+        add(f"udp-length-{name}", lambda x, v=v: frame(discover(x), ulen=v))
+    add("udp-checksum-bad", lambda x: frame(discover(x), ucsum="bad"))
+    add("udp-checksum-none", lambda x: frame(discover(x), ucsum="zero"))
+    add("udp-dport-546", lambda x: frame(discover(x), dport=546))
+    add("udp-sport-546", lambda x: frame(discover(x), sport=546))
+    add("udp-neither-port", lambda x: frame(discover(x), sport=1000, dport=1001))
+    add("tcp-to-67", lambda x: frame(discover(x), proto=6))
+    add("payload-628", lambda x: frame(discover(x, pad=628)))
+    add("payload-629", lambda x: frame(discover(x, pad=629)))
+    add("payload-1400", lambda x: frame(discover(x, pad=1400)))
+    for v in [0, 5, 7, 16, 255]:
+        add(f"hlen-{v}", lambda x, v=v: frame(discover(x, hlen=v)))
+    for v in [0, 2, 3]:
+        add(f"op-{v}", lambda x, v=v: frame(discover(x, op=v)))
+    add("cookie-zero", lambda x: frame(discover(x, cookie=b"\0\0\0\0")))
+    add("server-reply-to-67", lambda x: frame(bootp(x, 2, op=2).ljust(300, b"\0"), sport=67))
+    for v in [1, 7, 8, 9, 16, 17, 255]:
+        add(f"hops-{v}", lambda x, v=v: frame(discover(x, hops=v)))
+    add("nearer-relay-giaddr", lambda x: frame(discover(x, hops=1, giaddr="172.16.5.1")))
+    add("broadcast-flag", lambda x: frame(discover(x, flags=0x8000)))
+    for at, code in zip(OPTION_STARTS, (61, 12, 55, 53)):
+        for v in [-1, 1, 0, 254, 255]:
+            def make(x, at=at, v=v):
+                m = bytearray(discover(x))
+                m[at + 1] = (m[at + 1] + v) & 0xFF if v in (-1, 1) else v
+                return frame(bytes(m))
+            add(f"option{code}-length-{v}", make)
+    for n in [1, 100, 200]:
+        add(f"past-end-before-type-pad{n}", lambda x, n=n: frame(bootp(
+            x, 1, options=b"\0" * n + b"\x2b\xff" + b"v" * (387 - n - 2), tail=b"")))
+        add(f"past-end-after-type-pad{n}", lambda x, n=n: frame(bootp(
+            x, 1, options=bytes([53, 1, 1]) + b"\0" * n + b"\x2b\xff" + b"v" * 20, tail=b"")))
+    for ov in [1, 2, 3, 255]:
+        for where in ["file", "sname"]:
+            for cname, body in [("type", bytes([53, 1, 1, 255])), ("past-end", b"\x2b\xfe"),
+                                ("type-nine", bytes([53, 1, 9, 255]))]:
+                add(f"overload{ov}-{where}-{cname}",
+                    lambda x, ov=ov, w=where, b=body: frame(bootp(
+                        x, 1, options=bytes([52, 1, ov]), **{w: b}).ljust(300, b"\0")))
+    o82s = [("empty", b""), ("sub-length-missing", b"\x01"), ("sub-past-end", b"\x01\x03ab"),
+            ("sub-negative", b"\x01\x80ab"), ("second-sub-past-end", b"\x01\x01a\x02\x05bb"),
+            ("exact", b"\x01\x02ab")]
+    for strategy in ["drop", "keep", "replace"]:
+        add(f"option82-{strategy}-absent", lambda x: frame(discover(x)), strategy)
+        for name, o in o82s:
+            add(f"option82-{strategy}-{name}", lambda x, o=o: frame(bootp(
+                x, 1, options=usual + bytes([82, len(o)]) + o).ljust(300, b"\0")), strategy)
+        add(f"option82-{strategy}-past-area", lambda x: frame(bootp(
+            x, 1, options=usual + b"\x52\xff\x01\x01a", tail=b"")), strategy)
+        add(f"option82-{strategy}-at-area-end", lambda x: frame(bootp(
+            x, 1, options=usual + b"\0" * (388 - len(usual) - 5) + b"\x52\x03\x01\x01a",
+            tail=b"")), strategy)
+    for name, opts in [("nop", b"\x01\x01\x01\x01"), ("router-alert", b"\x94\x04\x00\x00"),
+                       ("record-route", b"\x07\x07\x04" + b"\0" * 5),
+                       ("forty-bytes", b"\x01" * 40), ("bad-length", b"\x07\x09\x04\x00")]:
+        add(f"ip-option-{name}", lambda x, o=opts: frame(discover(x), ip_opts=o))
+    add("fragment-first-short", lambda x: fragments(discover(x), [0])[0])
+    add("fragment-first-long", lambda x: fragments(discover(x), [0], at=264)[0])
+    add("fragment-last-only", lambda x: fragments(discover(x), [1])[0])
+    return cases
+
+
+RELAY_CASES = relay_cases()
+
+
+class RelayLab:
+    def __init__(self, tmp):
+        self.lab = Lab(tmp)
+        self.scene = None
+        try:
+            self.scene = Scene(self.lab)
+            self.strategy = None
+            self.stats = stats(self.scene.relay, "show dhcp-relay statistics")
+        except BaseException:
+            self.close()
+            raise
+
+    def set_strategy(self, strategy):
+        if strategy == self.strategy:
+            return
+        cmds = ["configure terminal", "interface vlanif10"]
+        if strategy is None:
+            cmds.append("dhcp-relay information disable")
+        else:
+            cmds += ["dhcp-relay information enable", f"dhcp-relay information strategy {strategy}"]
+        configure(self.scene.relay, *cmds)
+        self.strategy = strategy
+
+    def close(self):
+        try:
+            if self.scene:
+                self.scene.close()
+        finally:
+            self.lab.delete()
+
+
+@pytest.fixture(scope="module")
+def relay(tmp_path_factory):
+    lab = RelayLab(tmp_path_factory.mktemp("malformed-relay"))
+    try:
+        yield lab
+    finally:
+        lab.close()
+
+
+def delivered_until(wire, marker):
+    """The xids of the replies delivered on `wire` up to the marker's."""
+    seen = []
+    while True:
+        f = wire.next_udp(68)
+        xid = struct.unpack(">I", f.payload[4:8])[0]
+        if xid == marker:
+            return seen
+        seen.append(xid)
+
+
+@pytest.mark.parametrize("case", RELAY_CASES, ids=[c[0] for c in RELAY_CASES])
+def test_relay(relay, case):
+    name, build, strategy = case
+    relay.set_strategy(strategy)
+    s = relay.scene
+    xid = 0x52000000 + RELAY_CASES.index(case)
+    f = build(xid)
+    kind, moved, payload = relay_outcome(f, strategy)
+    s.hosts[1].send(f)
+    if kind == "forward":
+        got = s.forwarded()
+        assert struct.unpack(">I", got.payload[4:8])[0] == xid
+        if payload is not None:
+            assert got.payload == payload
+        else:
+            assert get_option(got.payload, 82)[:1] == b"\x01"
+            assert got.payload[:240] == relay_outcome(f)[2][:240]
+    # The reply for the case finds an item only when the case made one.
+    s.answer(server_msg(xid, CLIENT_MAC))
+    s.marker(1)
+    s.answer(server_msg(s.marks, CLIENT_MAC))
+    assert delivered_until(s.hosts[1], s.marks) == ([xid] if kind == "forward" else [])
+    assert relay.scene.relay.proc.poll() is None, "the daemon is gone"
+    after = stats(s.relay, "show dhcp-relay statistics")
+    got_moved = delta(relay.stats, after)
+    relay.stats = after
+    want = collections.Counter(MARKER)
+    want.update(moved)
+    if kind == "forward":
+        want.update({(V10, "OFFER received"): 1, (V10, "replies delivered"): 1})
+    else:
+        want.update({(V20, "OFFER received"): 1, (V20, "no transaction"): 1})
+    assert got_moved == dict(want)
+
+
+def test_case_counts():
+    assert len(SERVER_CASES) + len(RELAY_CASES) >= 300
