@@ -58,7 +58,7 @@ def ip4(a):
     return socket.inet_aton(a)
 
 
-def frame(payload, *, src="0.0.0.0", dst="255.255.255.255", tag=None, ihl=None, ip_opts=b"",
+def frame(payload, *, src="0.0.0.0", dst="255.255.255.255", smac=MAC, tag=None, ihl=None, ip_opts=b"",
           tot_len=None, ip_csum="ok", frag=0, ident=1, proto=17, sport=68, dport=67, ulen=None,
           ucsum="ok", cut=None, udp=None):
     """An Ethernet frame from the client's MAC to broadcast. `udp`, when
@@ -87,7 +87,7 @@ def frame(payload, *, src="0.0.0.0", dst="255.255.255.255", tag=None, ihl=None, 
     if ip_csum == "bad":
         c ^= 0x1111
     packet[10:12] = struct.pack(">H", c)
-    eth = BROADCAST + MAC
+    eth = BROADCAST + smac
     if tag is not None:
         eth += struct.pack(">HH", 0x8100, tag)
     out = eth + b"\x08\x00" + bytes(packet)
@@ -808,5 +808,131 @@ def test_relay(relay, case):
     assert got_moved == dict(want)
 
 
+# ---- the relay's reply path ----
+#
+# Each case first has a good request forwarded (an item for its xid), then
+# the server's malformed reply arrives, then a good reply for the same xid:
+# that one is delivered exactly when the malformed one left the item alone.
+
+SERVER_MAC = bytes.fromhex("020000000b01")
+REPLY_RX = {2: "OFFER received", 5: "ACK received", 6: "NAK received"}
+OFFER_OPTIONS = (bytes([53, 1, 2, 54, 4]) + ip4("10.20.0.2") + bytes([51, 4, 0, 0, 2, 88]) +
+                 bytes([1, 4, 255, 255, 255, 0]))
+
+
+def offer(xid, options=OFFER_OPTIONS, pad=300, **kw):
+    m = bootp(xid, 2, op=kw.pop("op", 2), giaddr=RELAY_IP, options=options, **kw)
+    return m + b"\0" * max(0, pad - len(m))
+
+
+def from_server(payload, **kw):
+    return frame(payload, src="10.20.0.2", dst=RELAY_IP, smac=SERVER_MAC, sport=67, dport=68,
+                 **kw)
+
+
+def reply_outcome(f):
+    """(kind, labels moved, delivered payload or None); kind "kept" when
+    the item stays."""
+    kind, moved, _ = relay_outcome(f)
+    if kind in ("kernel", "refused"):
+        return ("kept", moved, None)
+    off = 14 + (f[14] & 0x0F) * 4 + 8
+    payload = f[off:]
+    t = msg_type(payload) if payload[0] in (1, 2) else -1
+    moved = {(V10, REPLY_RX.get(t, "other reply received")): 1}
+    if t not in REPLY_RX:
+        moved[(V10, "wrong reply type")] = 1
+        return ("dropped", moved, None)
+    if get_option(payload, 54) is None:
+        moved[(V10, "no server identifier")] = 1
+        return ("dropped", moved, None)
+    moved[(V10, "replies delivered")] = 1
+    return ("delivered", moved, payload)
+
+
+def reply_cases():
+    cases = []
+
+    def add(name, build):
+        cases.append((name, build))
+
+    for cut in [20, 36, 41, 42, 42 + 100, 42 + 239, 42 + 240]:
+        add(f"reply-frame-cut-{cut}", lambda x, c=cut: from_server(offer(x), cut=c))
+    for at in range(240, 240 + len(OFFER_OPTIONS) + 1, 3):
+        add(f"reply-message-cut-{at}", lambda x, a=at: from_server(offer(x, pad=0)[:a]))
+    add("reply-ip-total-length-zero", lambda x: from_server(offer(x), tot_len=0))
+    add("reply-udp-length-max", lambda x: from_server(offer(x), ulen=0xFFFF))
+    add("reply-udp-checksum-bad", lambda x: from_server(offer(x), ucsum="bad"))
+    add("reply-ip-ihl-4", lambda x: from_server(offer(x), ihl=4))
+    add("reply-fragment-last-only", lambda x: fragments_from_server(offer(x)))
+    add("reply-payload-629", lambda x: from_server(offer(x, pad=629)))
+    for v in [0, 1, 3, 7, 9, 255]:
+        add(f"reply-type-{v}", lambda x, v=v: from_server(offer(
+            x, options=bytes([53, 1, v]) + OFFER_OPTIONS[3:])))
+    for v in [0, 2, 254]:
+        add(f"reply-type-length-{v}", lambda x, v=v: from_server(offer(
+            x, options=bytes([53, v]) + OFFER_OPTIONS[2:])))
+    for v in [0, 3, 5, 255]:
+        add(f"reply-server-id-length-{v}", lambda x, v=v: from_server(offer(
+            x, options=OFFER_OPTIONS[:4] + bytes([v]) + OFFER_OPTIONS[5:])))
+    add("reply-without-server-id", lambda x: from_server(offer(
+        x, options=OFFER_OPTIONS[:3] + OFFER_OPTIONS[9:])))
+    for v in [0, 3]:
+        add(f"reply-op-{v}", lambda x, v=v: from_server(offer(x, op=v)))
+    add("reply-hops-255", lambda x: from_server(offer(x, hops=255)))
+    add("reply-hlen-0", lambda x: from_server(offer(x, hlen=0)))
+    add("reply-type-in-file", lambda x: from_server(offer(
+        x, options=bytes([52, 1, 1]) + OFFER_OPTIONS[3:], file=bytes([53, 1, 5, 255]))))
+    add("reply-server-id-past-area", lambda x: from_server(offer(
+        x, options=OFFER_OPTIONS[:3] + b"\0" * 378 + OFFER_OPTIONS[3:9], tail=b"")))
+    return cases
+
+
+def fragments_from_server(msg):
+    whole = from_server(msg)
+    udp = whole[14 + 20:]
+    ident = struct.unpack(">H", msg[6:8])[0]
+    return frame(b"", src="10.20.0.2", dst=RELAY_IP, smac=SERVER_MAC, udp=udp[160:],
+                 frag=20, ident=ident)
+
+
+REPLY_CASES = reply_cases()
+
+
+@pytest.mark.parametrize("case", REPLY_CASES, ids=[c[0] for c in REPLY_CASES])
+def test_relay_reply(relay, case):
+    name, build = case
+    relay.set_strategy(None)
+    s = relay.scene
+    xid = 0x53000000 + REPLY_CASES.index(case)
+    s.relay_once(1, bootp(xid, 1).ljust(300, b"\0"))
+    f = build(xid)
+    kind, moved, payload = reply_outcome(f)
+    s.up.send(f)
+    good = offer(xid)
+    s.up.send(from_server(good))
+    s.marker(1)
+    s.answer(server_msg(s.marks, CLIENT_MAC))
+    seen = []
+    while True:
+        got = s.hosts[1].next_udp(68)
+        if struct.unpack(">I", got.payload[4:8])[0] == s.marks:
+            break
+        seen.append(got.payload)
+    assert s.relay.proc.poll() is None, "the daemon is gone"
+    assert seen == {"kept": [good], "delivered": [payload], "dropped": []}[kind]
+    after = stats(s.relay, "show dhcp-relay statistics")
+    got_moved = delta(relay.stats, after)
+    relay.stats = after
+    want = collections.Counter(MARKER)
+    want.update({(V10, "DISCOVER received"): 1, (V10, "requests forwarded"): 1})
+    want.update(moved)
+    if kind == "kept":
+        want.update({(V10, "OFFER received"): 1, (V10, "replies delivered"): 1})
+    else:
+        want.update({(V20, "OFFER received"): 1, (V20, "no transaction"): 1})
+    assert got_moved == dict(want)
+
+
 def test_case_counts():
-    assert len(SERVER_CASES) + len(RELAY_CASES) >= 300
+    assert len(SERVER_CASES) + len(RELAY_CASES) + len(REPLY_CASES) >= 300
