@@ -26,7 +26,8 @@ once a marker request is forwarded and its reply delivered, the case and
 the reply sent for the case's transaction were handled. The counters moved
 by exactly the case and the barrier, and the leases (server) or the
 transactions (relay: the reply for the case's xid is delivered only when the
-case made an item) are what the case prescribes."""
+case made an item) are what the case prescribes; the server's display
+carries the pool gauges too, so a pool that moved shows there."""
 import collections
 import socket
 import struct
@@ -58,10 +59,10 @@ def ip4(a):
     return socket.inet_aton(a)
 
 
-def frame(payload, *, src="0.0.0.0", dst="255.255.255.255", smac=MAC, tag=None, ihl=None, ip_opts=b"",
-          tot_len=None, ip_csum="ok", frag=0, ident=1, proto=17, sport=68, dport=67, ulen=None,
-          ucsum="ok", cut=None, udp=None):
-    """An Ethernet frame from the client's MAC to broadcast. `udp`, when
+def frame(payload, *, src="0.0.0.0", dst="255.255.255.255", smac=MAC, tag=None, ihl=None,
+          ip_opts=b"", tot_len=None, ip_csum="ok", frag=0, ident=1, proto=17, sport=68, dport=67,
+          ulen=None, ucsum="ok", cut=None, udp=None):
+    """An Ethernet frame from `smac` (the client's MAC) to broadcast. `udp`, when
     given, is the whole IP payload (for fragments); otherwise the UDP header
     and the payload. ulen/tot_len/ihl replace the computed fields; ucsum is
     "ok" (over what the UDP length covers), "zero" or "bad"; `cut` keeps
@@ -254,9 +255,12 @@ FIELD_BOUNDARIES = [0, 1, 2, 3, 4, 8, 10, 12, 16, 20, 24, 28, 44, 108, 236, 237,
 OPTION_CUTS = sorted({240 + i for i in range(len(USUAL) + 2)})
 
 
-def server_cases():
+MSG_LEN = len(inform(0))
+
+
+def server_truncated_frames():
     cases = []
-    msg_len = len(inform(0))
+    msg_len = MSG_LEN
     # Frames cut short with every length field still telling the whole
     # length: the kernel drops them whatever the cut.
     for cut in [14, 15, 16, 20, 22, 24, 26, 28, 30, 33, 34, 36, 38, 40, 41, 42]:
@@ -269,10 +273,21 @@ def server_cases():
         cases.append(fixed(f"tagged-cut-{cut}", lambda x, c=cut: frame(inform(x), tag=10, cut=c),
                            KERNEL))
     cases.append(fixed("tagged-vlan10-whole", lambda x: frame(inform(x), tag=10), KERNEL))
+    return cases
+
+
+def server_truncated_messages():
+    cases = []
     # Messages cut short with IP and UDP lengths telling the cut length:
     # the server reads the rest of its record as zeros.
     for at in FIELD_BOUNDARIES + OPTION_CUTS:
         cases.append(by_model(f"message-cut-{at}", lambda x, a=at: inform(x)[:a]))
+    return cases
+
+
+def server_length_fields():
+    cases = []
+    msg_len = MSG_LEN
     # IP total length.
     ip_total = 20 + 8 + msg_len
     for name, v in [("minus1", ip_total - 1), ("plus1", ip_total + 1), ("zero", 0),
@@ -315,6 +330,11 @@ def server_cases():
     cases.append(fixed("tcp-to-67", lambda x: frame(inform(x), proto=6), KERNEL))
     cases.append(Case("udp-sport-0", lambda x: frame(inform(x), sport=0),
                       lambda: server_outcome(inform(0))))
+    return cases
+
+
+def server_fields_and_options():
+    cases = []
     # hlen.
     for v in [0, 1, 5, 7, 16, 17, 255]:
         cases.append(by_model(f"hlen-{v}", lambda x, v=v: inform(x, hlen=v)))
@@ -352,6 +372,11 @@ def server_cases():
         x, options=b"\0" * 386 + bytes([53, 1, 8]), tail=b"")))
     cases.append(by_model("datagram-longer-than-record", lambda x: inform(
         x, tail=b"\xff" + b"\x00" * 500)))
+    return cases
+
+
+def server_overload():
+    cases = []
     # Overload into file and sname.
     good = bytes([53, 1, 8, 255])
     contents = {
@@ -375,6 +400,11 @@ def server_cases():
         x, options=bytes([52, 0, 1]), file=good)))
     cases.append(by_model("overload-last-in-area", lambda x: inform(
         x, options=b"\0" * 386 + bytes([52, 0]), tail=b"", file=good)))
+    return cases
+
+
+def server_option82_hops_ip():
+    cases = []
     # Option 82 (the server's information setting is on).
     for name, o82 in [("empty", b""), ("sub-length-missing", b"\x01"),
                       ("sub-past-end-by-1", b"\x01\x03ab"), ("sub-past-end-far", b"\x01\x7fab"),
@@ -410,6 +440,11 @@ def server_cases():
     cases.append(fixed("fragment-first-only", lambda x: fragments(inform(x), [0]), KERNEL))
     cases.append(fixed("fragment-last-only", lambda x: fragments(inform(x), [1]), KERNEL))
     return cases
+
+
+def server_cases():
+    return (server_truncated_frames() + server_truncated_messages() + server_length_fields() +
+            server_fields_and_options() + server_overload() + server_option82_hops_ip())
 
 
 def fragments(msg, order, at=160):
