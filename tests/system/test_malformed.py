@@ -654,15 +654,8 @@ def discover(xid, pad=300, **kw):
     return m + b"\0" * max(0, pad - len(m))
 
 
-def relay_cases():
-    cases = []
+def relay_truncated(add):
     usual = usual_options(1)
-    msg = discover(0)
-    full = len(msg)
-
-    def add(name, build, strategy=None):
-        cases.append((name, build, strategy))
-
     for cut in [14, 20, 33, 34, 36, 37, 38, 40, 41, 42]:
         add(f"frame-cut-{cut}", lambda x, c=cut: frame(discover(x), cut=c))
     for at in FIELD_BOUNDARIES[1:] + [240] + [240 + i for i in range(1, len(usual) + 2)]:
@@ -675,6 +668,10 @@ def relay_cases():
     for at in OPTION_CUTS:
         add(f"message-cut-consistent-{at}-padded",
             lambda x, a=at: frame(discover(x, pad=0)[:a].ljust(300, b"\0")))
+
+
+def relay_lengths_and_headers(add):
+    full = len(discover(0))
     ip_total = 20 + 8 + full
     for name, v in [("minus1", ip_total - 1), ("plus1", ip_total + 1), ("zero", 0),
                     ("below-header", 19), ("max", 0xFFFF)]:
@@ -696,6 +693,9 @@ def relay_cases():
     add("payload-628", lambda x: frame(discover(x, pad=628)))
     add("payload-629", lambda x: frame(discover(x, pad=629)))
     add("payload-1400", lambda x: frame(discover(x, pad=1400)))
+
+
+def relay_fields_and_options(add):
     for v in [0, 5, 7, 16, 255]:
         add(f"hlen-{v}", lambda x, v=v: frame(discover(x, hlen=v)))
     for v in [0, 2, 3]:
@@ -725,6 +725,10 @@ def relay_cases():
                 add(f"overload{ov}-{where}-{cname}",
                     lambda x, ov=ov, w=where, b=body: frame(bootp(
                         x, 1, options=bytes([52, 1, ov]), **{w: b}).ljust(300, b"\0")))
+
+
+def relay_option82_and_ip(add):
+    usual = usual_options(1)
     o82s = [("empty", b""), ("sub-length-missing", b"\x01"), ("sub-past-end", b"\x01\x03ab"),
             ("sub-negative", b"\x01\x80ab"), ("second-sub-past-end", b"\x01\x01a\x02\x05bb"),
             ("exact", b"\x01\x02ab")]
@@ -754,6 +758,17 @@ def relay_cases():
     add("fragment-first-short", lambda x: fragments(discover(x), [0])[0])
     add("fragment-first-long", lambda x: fragments(discover(x), [0], at=264)[0])
     add("fragment-last-only", lambda x: fragments(discover(x), [1])[0])
+
+
+def relay_cases():
+    cases = []
+
+    def add(name, build, strategy=None):
+        cases.append((name, build, strategy))
+
+    for group in (relay_truncated, relay_lengths_and_headers, relay_fields_and_options,
+                  relay_option82_and_ip):
+        group(add)
     return cases
 
 
