@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <vector>
 #include <cerrno>
 #include <cstring>
 
@@ -25,8 +26,11 @@ constexpr std::size_t TAG_LEN = 4;
 constexpr std::uint16_t TPID_8021Q = 0x8100;
 // Socket buffer: room for a burst of a few thousand frames.
 constexpr int TRAP_RCVBUF = 4 << 20;
-// Frames dropped per hal_recv call before it gives the loop back.
-constexpr int RECV_SKIP_MAX = 32;
+// Frames read per recvmmsg call, and per hal_recv call at most, so that the
+// loop's other tasks (the CLI, timers) get their turn in a flood.
+constexpr std::size_t RECV_BATCH = 16;
+constexpr int RECV_ROUNDS = 2;
+static_assert(RECV_BATCH * RECV_ROUNDS == HAL_RECV_BATCH_MAX);
 // Frames dropped when delivery changes, at most (a flood never holds us).
 constexpr int DRAIN_MAX = 1 << 16;
 // A frame from a netdev the tables do not know re-reads them, at most this
@@ -68,6 +72,11 @@ constexpr int IPV4 = 16;
 constexpr int IS_L4 = 22;
 constexpr int ACCEPT = 36;
 constexpr int DROP = 37;
+// Bytes the accept takes: the whole frame.
+constexpr std::uint32_t ACCEPT_LEN = 0x40000;
+// Bridges refused in the kernel, at most (the program stays far below the
+// kernel's 4096 instructions); with more, user space refuses them all.
+constexpr std::size_t SKIP_MAX = 1000;
 
 constexpr std::array<sock_filter, 38> DHCP_RULE = {{
     /* 0 */ stmt(LD_W_ABS, AD(SKF_AD_PKTTYPE)),
@@ -106,7 +115,7 @@ constexpr std::array<sock_filter, 38> DHCP_RULE = {{
     /* 33 */ stmt(LD_H_IND, 2),
     /* 34 */ jump(JEQ, 67, 34, ACCEPT, 35),
     /* 35 */ jump(JEQ, 68, 35, ACCEPT, DROP),
-    /* 36 */ stmt(BPF_RET | BPF_K, 0x40000),
+    /* 36 */ stmt(BPF_RET | BPF_K, ACCEPT_LEN),
     /* 37 */ stmt(BPF_RET | BPF_K, 0),
 }};
 
@@ -116,13 +125,54 @@ static_assert(DHCP_RULE[NOAUX].k == 12 && DHCP_RULE[L3_AT_14].k == 14 &&
 
 constexpr std::array<sock_filter, 1> NOTHING = {{stmt(BPF_RET | BPF_K, 0)}};
 
+// The trap rule with an ingress check before its accept: a frame that
+// came in on one of `skip` (the vlanifN bridges, whose copy of a port's frame
+// is not a trapped frame) is refused in the kernel. Each index is a test and
+// a refusal of its own, so no jump grows with the list. A frame without a
+// device (never so on the channel) ends with the accept value loaded first.
+}  // namespace
+
+std::vector<sock_filter> trap_filter_skipping(std::span<const int> skip) {
+    std::vector<sock_filter> prog(DHCP_RULE.begin(), DHCP_RULE.end());
+    if (skip.empty() || skip.size() > SKIP_MAX) {
+        return prog;
+    }
+    // The accept steps over the drop to the ingress check behind it.
+    prog[ACCEPT] = stmt(BPF_JMP | BPF_JA, DROP - ACCEPT);
+    prog.push_back(stmt(BPF_LD | BPF_W | BPF_IMM, ACCEPT_LEN));
+    prog.push_back(stmt(LD_W_ABS, AD(SKF_AD_IFINDEX)));
+    for (int index : skip) {
+        prog.push_back(sock_filter{JEQ, 0, 1, static_cast<std::uint32_t>(index)});
+        prog.push_back(stmt(BPF_RET | BPF_K, 0));
+    }
+    prog.push_back(stmt(BPF_RET | BPF_K, ACCEPT_LEN));
+    return prog;
+}
+
+namespace {
+
 // ---- the socket ----
+
+// One slot of a batched read: the frame and what the kernel says about it.
+struct rx_slot {
+    std::array<std::uint8_t, HAL_TRAP_FRAME_MAX> frame;
+    sockaddr_ll from;
+    alignas(cmsghdr) std::uint8_t control[CMSG_SPACE(sizeof(tpacket_auxdata))];
+    iovec iov;
+};
 
 struct channel {
     unique_fd sock;
     std::uint64_t last_refresh_ms = 0;
     bool refreshed = false;
-    std::array<std::uint8_t, HAL_TRAP_FRAME_MAX> rx{};
+    bool delivering = false;
+    // The program attached while delivering, and the VLAN table it was built
+    // from; a re-read table rebuilds it.
+    std::vector<sock_filter> rule;
+    std::uint64_t rule_generation = 0;
+    hal_trap_counters counters{};
+    std::array<rx_slot, RECV_BATCH> rx{};
+    std::array<mmsghdr, RECV_BATCH> hdrs{};
     std::array<std::uint8_t, HAL_TRAP_MSG_MAX> msg{};
 };
 
@@ -185,36 +235,53 @@ trap_aux aux_of(msghdr &mh) {
     return aux;
 }
 
-enum class got { frame, skipped, none, failed };
+// Attaches the trap rule built from the VLAN table as it stands.
+int attach_rule(channel &c) {
+    c.rule_generation = uvlan_generation();
+    const std::vector<int> bridges = uvlan_bridge_ifindexes();
+    c.rule = trap_filter_skipping(bridges);
+    const sock_fprog prog{static_cast<unsigned short>(c.rule.size()), c.rule.data()};
+    return attach(c.sock.get(), prog);
+}
 
-// Reads one frame; builds its message when it is a trapped frame.
-got read_one(int fd, std::size_t *frame_len) {
-    channel &c = chan();
-    sockaddr_ll from{};
-    alignas(cmsghdr) std::uint8_t control[CMSG_SPACE(sizeof(tpacket_auxdata))];
-    iovec iov{c.rx.data(), c.rx.size()};
-    msghdr mh{};
-    mh.msg_name = &from;
-    mh.msg_namelen = sizeof from;
-    mh.msg_iov = &iov;
-    mh.msg_iovlen = 1;
-    mh.msg_control = control;
-    mh.msg_controllen = sizeof control;
-    ssize_t n = recvmsg(fd, &mh, MSG_DONTWAIT | MSG_TRUNC);
-    if (n < 0) {
-        return (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) ? got::none
-                                                                           : got::failed;
+// Reads up to RECV_BATCH frames; the number read, 0 when nothing was
+// waiting, -1 on a read error.
+int read_batch(channel &c, int fd) {
+    for (std::size_t i = 0; i < RECV_BATCH; ++i) {
+        rx_slot &slot = c.rx[i];
+        slot.iov = iovec{slot.frame.data(), slot.frame.size()};
+        msghdr &mh = c.hdrs[i].msg_hdr;
+        mh = msghdr{};
+        mh.msg_name = &slot.from;
+        mh.msg_namelen = sizeof slot.from;
+        mh.msg_iov = &slot.iov;
+        mh.msg_iovlen = 1;
+        mh.msg_control = slot.control;
+        mh.msg_controllen = sizeof slot.control;
+        c.hdrs[i].msg_len = 0;
     }
-    if ((mh.msg_flags & MSG_TRUNC) != 0 || static_cast<std::size_t>(n) > c.rx.size() ||
-        from.sll_pkttype == PACKET_OUTGOING) {
-        return got::skipped;
+    int n = recvmmsg(fd, c.hdrs.data(), RECV_BATCH, MSG_DONTWAIT | MSG_TRUNC, nullptr);
+    if (n < 0) {
+        return (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) ? 0 : -1;
+    }
+    return n;
+}
+
+// Builds the message of the frame in slot `i` when it is a trapped frame;
+// the frame's length in the message, or 0 when it is not one.
+std::size_t take(channel &c, std::size_t i) {
+    rx_slot &slot = c.rx[i];
+    msghdr &mh = c.hdrs[i].msg_hdr;
+    const std::size_t n = c.hdrs[i].msg_len;
+    if ((mh.msg_flags & MSG_TRUNC) != 0 || n > slot.frame.size() ||
+        slot.from.sll_pkttype == PACKET_OUTGOING) {
+        return 0;
     }
     trap_ingress in;
-    if (!ingress_of(from.sll_ifindex, &in)) {
-        return got::skipped;
+    if (!ingress_of(slot.from.sll_ifindex, &in)) {
+        return 0;
     }
-    *frame_len = trap_build_msg(c.msg, {c.rx.data(), static_cast<std::size_t>(n)}, in, aux_of(mh));
-    return *frame_len == 0 ? got::skipped : got::frame;
+    return trap_build_msg(c.msg, {slot.frame.data(), n}, in, aux_of(mh));
 }
 
 void put_u16(std::uint8_t *p, std::uint16_t v) {
@@ -284,7 +351,8 @@ int trap_channel_deliver(bool on) {
     if (on) {
         drain(fd);
     }
-    if (attach(fd, on ? trap_filter_dhcp() : trap_filter_none()) != 0) {
+    c.delivering = on;
+    if ((on ? attach_rule(c) : attach(fd, trap_filter_none())) != 0) {
         zlog_err("hal: can't filter the trap channel: %s", std::strerror(errno));
         return -1;
     }
@@ -359,19 +427,31 @@ int hal_recv(int fd, hal_recv_cb cb) {
     if (fd < 0 || cb == nullptr) {
         return -1;
     }
-    for (int i = 0; i < RECV_SKIP_MAX; ++i) {
-        std::size_t frame_len = 0;
-        switch (read_one(fd, &frame_len)) {
-            case got::frame:
-                cb(HAL_MSG_TRAPPED_FRAME, chan().msg.data(), static_cast<std::uint32_t>(frame_len));
-                return 0;
-            case got::skipped:
+    channel &c = chan();
+    if (c.delivering && c.sock && fd == c.sock.get() && c.rule_generation != uvlan_generation()) {
+        attach_rule(c);  // a failure keeps the rule in place, still a good one
+    }
+    for (int round = 0; round < RECV_ROUNDS; ++round) {
+        const int n = read_batch(c, fd);
+        if (n < 0) {
+            return -1;
+        }
+        for (std::size_t i = 0; i < static_cast<std::size_t>(n); ++i) {
+            ++c.counters.read;
+            const std::size_t frame_len = take(c, i);
+            if (frame_len == 0) {
+                ++c.counters.dropped;
                 continue;
-            case got::none:
-                return 0;
-            case got::failed:
-                return -1;
+            }
+            cb(HAL_MSG_TRAPPED_FRAME, c.msg.data(), static_cast<std::uint32_t>(frame_len));
+        }
+        if (static_cast<std::size_t>(n) < RECV_BATCH) {
+            break;
         }
     }
     return 0;
+}
+
+hal_trap_counters hal_trap_counters_get() {
+    return chan().counters;
 }

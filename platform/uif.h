@@ -14,6 +14,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 struct interface;
 
@@ -39,6 +40,11 @@ void uif_init();
 void uvlan_init();
 // Re-reads ports and VLANs from the system.
 void uif_refresh();
+// Changes (by one or more) whenever the VLAN table is read again, so that
+// what is derived from it can be rebuilt.
+std::uint64_t uvlan_generation();
+// The kernel interface indexes of the vlanifN netdevs that are bridges.
+std::vector<int> uvlan_bridge_ifindexes();
 
 const uif *uif_lookup_by_name(const char *name);
 const uif *uif_lookup_by_index(std::uint32_t index);
