@@ -85,6 +85,14 @@ class Probe:
         words = dict(w.split("=", 1) for w in self.line().split()[1:])
         return int(words["rc"]), int(words["fd"]), int(words["on"])
 
+    def counters(self):
+        """(read, dropped): frames the channel read, and those it dropped
+        in user space."""
+        self.proc.stdin.write("counters\n")
+        self.proc.stdin.flush()
+        words = dict(w.split("=", 1) for w in self.line().split()[1:])
+        return int(words["read"]), int(words["dropped"])
+
     def trap(self):
         """The next trapped message as a dict: type, port, vlan, gap, len
         (ints) and hdr, pad, frame (bytes)."""
@@ -349,6 +357,41 @@ def test_trapping_off_delivers_nothing_and_keeps_the_descriptor(lab):
     assert lab.probe.command("off") == (0, fd, 0)  # no user left: nothing changes
     assert lab.probe.command("on") == (0, fd, 1)
     nothing_before(lab)
+
+
+def test_bridge_copies_never_reach_user_space(lab):
+    """A port's frame also comes up through its vlanifN bridge; the kernel
+    filter refuses that copy, so the channel reads exactly the frames it
+    hands on. The frames before each marker are queued before it."""
+    lab.probe.command("on")
+    on_vlan10 = eth(request(0x5001))
+    check(trapped(lab, 1, on_vlan10), 1, 10, on_vlan10)
+    on_vlan20 = eth(request(0x5002, mac="02:00:00:00:14:03"), mac="02:00:00:00:14:03")
+    check(trapped(lab, 3, on_vlan20), 3, 20, on_vlan20)
+    direct = eth(request(0x5003, mac="02:00:00:00:1e:01"), mac="02:00:00:00:1e:01")
+    check(trapped(lab, 30, direct), 0, 30, direct)
+    nothing_before(lab)
+    assert lab.probe.counters() == (4, 0)
+
+
+def test_a_bridge_added_later_is_refused_once_the_tables_know_it(lab):
+    """vlanif40 and its port swp5 come after trapping is on: the port's first
+    frame re-reads the tables (its bridge copy, already queued, is dropped in
+    user space), and from then on the kernel refuses the bridge's copies."""
+    lab.probe.command("on")
+    lab.sw.vlan(40)
+    host = lab.sw.port(5, 40)
+    quiet_ipv6(host, "eth0")
+    lab.wires[5] = Wire(host, "eth0")
+    mac = "02:00:00:00:28:05"
+    first = eth(request(0x6001, mac=mac), mac=mac)
+    check(trapped(lab, 5, first), 5, 40, first)
+    nothing_before(lab)
+    assert lab.probe.counters() == (3, 1)
+    again = eth(request(0x6002, mac=mac), mac=mac)
+    check(trapped(lab, 5, again), 5, 40, again)
+    nothing_before(lab)
+    assert lab.probe.counters() == (5, 1)
 
 
 # ---- DHCP snooping state over the management bus ----
