@@ -4,6 +4,7 @@
 #include <linux/filter.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 
 #include <array>
@@ -161,8 +162,42 @@ struct rx_slot {
     iovec iov;
 };
 
+// The receive ring the kernel writes frames into (TPACKET_V2), mapped once
+// with the socket. Frame slots are taken in order; a slot is the reader's
+// while its status has TP_STATUS_USER and goes back to the kernel when read.
+constexpr std::size_t RING_BLOCK = 1 << 16;
+constexpr std::size_t RING_BLOCKS = 64;  // 4 MiB, as the socket buffer was
+// A slot holds the kernel's header and the longest frame taken.
+constexpr std::size_t RING_FRAME = 4096 + 128;
+static_assert(RING_FRAME % TPACKET_ALIGNMENT == 0 && RING_FRAME - 128 == HAL_TRAP_FRAME_MAX);
+constexpr std::size_t RING_PER_BLOCK = RING_BLOCK / RING_FRAME;
+constexpr std::size_t RING_SLOTS = RING_PER_BLOCK * RING_BLOCKS;
+
+struct ring_map {
+    std::uint8_t *base = nullptr;
+    std::size_t len = 0;
+    std::size_t head = 0;  // the next slot to read
+    ring_map() = default;
+    ring_map(const ring_map &) = delete;
+    ring_map &operator=(const ring_map &) = delete;
+    ~ring_map() { reset(); }
+    void reset() {
+        if (base != nullptr) {
+            munmap(base, len);
+        }
+        base = nullptr;
+        len = 0;
+        head = 0;
+    }
+    tpacket2_hdr *slot(std::size_t i) const {
+        return reinterpret_cast<tpacket2_hdr *>(base + (i / RING_PER_BLOCK) * RING_BLOCK +
+                                                (i % RING_PER_BLOCK) * RING_FRAME);
+    }
+};
+
 struct channel {
     unique_fd sock;
+    ring_map ring;
     std::uint64_t last_refresh_ms = 0;
     bool refreshed = false;
     bool delivering = false;
@@ -284,6 +319,100 @@ std::size_t take(channel &c, std::size_t i) {
     return trap_build_msg(c.msg, {slot.frame.data(), n}, in, aux_of(mh));
 }
 
+// Maps the receive ring on the fresh socket; without it, frames are read
+// from the socket queue instead.
+void map_ring(int fd, ring_map &ring) {
+    const int version = TPACKET_V2;
+    tpacket_req req{};
+    req.tp_block_size = RING_BLOCK;
+    req.tp_block_nr = RING_BLOCKS;
+    req.tp_frame_size = RING_FRAME;
+    req.tp_frame_nr = RING_SLOTS;
+    if (setsockopt(fd, SOL_PACKET, PACKET_VERSION, &version, sizeof version) != 0 ||
+        setsockopt(fd, SOL_PACKET, PACKET_RX_RING, &req, sizeof req) != 0) {
+        return;
+    }
+    const std::size_t len = RING_BLOCK * RING_BLOCKS;
+    void *base = mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (base == MAP_FAILED) {
+        tpacket_req none{};
+        setsockopt(fd, SOL_PACKET, PACKET_RX_RING, &none, sizeof none);
+        return;
+    }
+    ring.base = static_cast<std::uint8_t *>(base);
+    ring.len = len;
+}
+
+// The slot at the head when the kernel has filled it, else nullptr.
+tpacket2_hdr *ring_ready(const ring_map &ring) {
+    tpacket2_hdr *h = ring.slot(ring.head);
+    return (__atomic_load_n(&h->tp_status, __ATOMIC_ACQUIRE) & TP_STATUS_USER) != 0 ? h : nullptr;
+}
+
+void ring_release(ring_map &ring, tpacket2_hdr *h) {
+    __atomic_store_n(&h->tp_status, TP_STATUS_KERNEL, __ATOMIC_RELEASE);
+    ring.head = (ring.head + 1) % RING_SLOTS;
+}
+
+// Builds the message of the frame in ring slot `h`; its length in the
+// message, or 0 when it is not a trapped frame. Slot fields are the kernel's
+// and are checked against the slot before use.
+std::size_t take_ring(channel &c, const tpacket2_hdr &h) {
+    const std::size_t ll_at = TPACKET_ALIGN(sizeof(tpacket2_hdr));
+    if (h.tp_len != h.tp_snaplen || h.tp_snaplen > HAL_TRAP_FRAME_MAX || h.tp_mac > RING_FRAME ||
+        RING_FRAME - h.tp_mac < h.tp_snaplen) {
+        return 0;
+    }
+    sockaddr_ll from;
+    std::memcpy(&from, reinterpret_cast<const std::uint8_t *>(&h) + ll_at, sizeof from);
+    if (from.sll_pkttype == PACKET_OUTGOING) {
+        return 0;
+    }
+    trap_ingress in;
+    if (!ingress_of(from.sll_ifindex, &in)) {
+        return 0;
+    }
+    trap_aux aux;
+    if ((h.tp_status & TP_STATUS_VLAN_VALID) != 0) {
+        aux.tagged = true;
+        aux.tci = h.tp_vlan_tci;
+        if ((h.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0) {
+            aux.tpid = h.tp_vlan_tpid;
+        }
+    }
+    const auto *frame = reinterpret_cast<const std::uint8_t *>(&h) + h.tp_mac;
+    return trap_build_msg(c.msg, {frame, h.tp_snaplen}, in, aux);
+}
+
+// Gives every filled slot back to the kernel (a bounded walk of the ring).
+void ring_drain(ring_map &ring) {
+    for (std::size_t i = 0; i < RING_SLOTS && ring.base != nullptr; ++i) {
+        tpacket2_hdr *h = ring_ready(ring);
+        if (h == nullptr) {
+            return;
+        }
+        ring_release(ring, h);
+    }
+}
+
+// hal_recv on the ring: up to HAL_RECV_BATCH_MAX frames.
+void recv_ring(channel &c, hal_recv_cb cb) {
+    for (int i = 0; i < HAL_RECV_BATCH_MAX; ++i) {
+        tpacket2_hdr *h = ring_ready(c.ring);
+        if (h == nullptr) {
+            return;
+        }
+        ++c.counters.read;
+        const std::size_t frame_len = take_ring(c, *h);
+        ring_release(c.ring, h);  // the message is a copy
+        if (frame_len == 0) {
+            ++c.counters.dropped;
+            continue;
+        }
+        cb(HAL_MSG_TRAPPED_FRAME, c.msg.data(), static_cast<std::uint32_t>(frame_len));
+    }
+}
+
 void put_u16(std::uint8_t *p, std::uint16_t v) {
     p[0] = static_cast<std::uint8_t>(v >> 8);
     p[1] = static_cast<std::uint8_t>(v);
@@ -325,6 +454,7 @@ int trap_channel_open() {
         zlog_err("hal: can't filter the trap channel: %s", std::strerror(errno));
         return -1;
     }
+    map_ring(fd.get(), c.ring);
     set_option(fd.get(), SOL_PACKET, PACKET_AUXDATA, 1);
     set_option(fd.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, 1);  // kernels from 4.20
     if (setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &TRAP_RCVBUF, sizeof TRAP_RCVBUF) != 0) {
@@ -335,6 +465,7 @@ int trap_channel_open() {
     sll.sll_protocol = htons(ETH_P_ALL);
     if (bind(fd.get(), reinterpret_cast<sockaddr *>(&sll), sizeof sll) != 0) {
         zlog_err("hal: can't bind the trap channel: %s", std::strerror(errno));
+        c.ring.reset();
         return -1;
     }
     c.sock = std::move(fd);
@@ -350,6 +481,7 @@ int trap_channel_deliver(bool on) {
     int fd = c.sock.get();
     if (on) {
         drain(fd);
+        ring_drain(c.ring);
     }
     c.delivering = on;
     if ((on ? attach_rule(c) : attach(fd, trap_filter_none())) != 0) {
@@ -358,6 +490,7 @@ int trap_channel_deliver(bool on) {
     }
     if (!on) {
         drain(fd);
+        ring_drain(c.ring);
     }
     return 0;
 }
@@ -430,6 +563,10 @@ int hal_recv(int fd, hal_recv_cb cb) {
     channel &c = chan();
     if (c.delivering && c.sock && fd == c.sock.get() && c.rule_generation != uvlan_generation()) {
         attach_rule(c);  // a failure keeps the rule in place, still a good one
+    }
+    if (c.ring.base != nullptr && c.sock && fd == c.sock.get()) {
+        recv_ring(c, cb);
+        return 0;
     }
     for (int round = 0; round < RECV_ROUNDS; ++round) {
         const int n = read_batch(c, fd);
