@@ -8,9 +8,9 @@
 #include <sys/socket.h>
 
 #include <array>
-#include <vector>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "lib/log.h"
 #include "lib/unique_fd.h"
@@ -25,7 +25,8 @@ constexpr std::size_t ETH_HDR = 14;
 constexpr std::size_t MAC_PAIR = 12;  // destination and source MAC
 constexpr std::size_t TAG_LEN = 4;
 constexpr std::uint16_t TPID_8021Q = 0x8100;
-// Socket buffer: room for a burst of a few thousand frames.
+// Socket buffer, when frames are read from the socket queue: room for a
+// burst of a few thousand frames.
 constexpr int TRAP_RCVBUF = 4 << 20;
 // Frames read per recvmmsg call, and per hal_recv call at most, so that the
 // loop's other tasks (the CLI, timers) get their turn in a flood.
@@ -126,13 +127,13 @@ static_assert(DHCP_RULE[NOAUX].k == 12 && DHCP_RULE[L3_AT_14].k == 14 &&
 
 constexpr std::array<sock_filter, 1> NOTHING = {{stmt(BPF_RET | BPF_K, 0)}};
 
-// The trap rule with an ingress check before its accept: a frame that
-// came in on one of `skip` (the vlanifN bridges, whose copy of a port's frame
-// is not a trapped frame) is refused in the kernel. Each index is a test and
-// a refusal of its own, so no jump grows with the list. A frame without a
-// device (never so on the channel) ends with the accept value loaded first.
 }  // namespace
 
+// The trap rule with an ingress check before its accept: a frame that came
+// in on one of `skip` (the vlanifN bridges, whose copy of a port's frame is
+// not a trapped frame) is refused in the kernel. Each index is a test and a
+// refusal of its own, so no jump grows with the list. A frame without a
+// device (never so on the channel) ends with the accept value loaded first.
 std::vector<sock_filter> trap_filter_skipping(std::span<const int> skip) {
     std::vector<sock_filter> prog(DHCP_RULE.begin(), DHCP_RULE.end());
     if (skip.empty() || skip.size() > SKIP_MAX) {
@@ -167,9 +168,10 @@ struct rx_slot {
 // while its status has TP_STATUS_USER and goes back to the kernel when read.
 constexpr std::size_t RING_BLOCK = 1 << 16;
 constexpr std::size_t RING_BLOCKS = 64;  // 4 MiB, as the socket buffer was
-// A slot holds the kernel's header and the longest frame taken.
-constexpr std::size_t RING_FRAME = 4096 + 128;
-static_assert(RING_FRAME % TPACKET_ALIGNMENT == 0 && RING_FRAME - 128 == HAL_TRAP_FRAME_MAX);
+// A slot holds the kernel's header and address (under 128 bytes before the
+// frame) and the longest frame taken.
+constexpr std::size_t RING_FRAME = HAL_TRAP_FRAME_MAX + 128;
+static_assert(RING_FRAME % TPACKET_ALIGNMENT == 0);
 constexpr std::size_t RING_PER_BLOCK = RING_BLOCK / RING_FRAME;
 constexpr std::size_t RING_SLOTS = RING_PER_BLOCK * RING_BLOCKS;
 

@@ -1,6 +1,8 @@
 // The trapped-frame channel: DHCP frames the switch copies to the processor.
 //
-// On Linux the channel is one AF_PACKET socket. Its kernel filter passes only
+// On Linux the channel is one AF_PACKET socket, read through a receive ring
+// mapped with it (or its queue where no ring can be mapped), a bounded batch
+// of frames per hal_recv() call. Its kernel filter passes only
 // IPv4 frames with UDP or TCP source or destination port 67 or 68 (with or
 // without one 802.1Q tag; for a fragmented datagram only the first fragment,
 // which holds the ports) that the switch received; frames the switch itself
