@@ -166,14 +166,17 @@ struct rx_slot {
 // The receive ring the kernel writes frames into (TPACKET_V2), mapped once
 // with the socket. Frame slots are taken in order; a slot is the reader's
 // while its status has TP_STATUS_USER and goes back to the kernel when read.
-constexpr std::size_t RING_BLOCK = 1 << 16;
-constexpr std::size_t RING_BLOCKS = 64;  // 4 MiB, as the socket buffer was
+// 2046 slots in 8.25 MiB: a burst of a couple of thousand frames waits there
+// as it did in the socket buffer.
+constexpr std::size_t RING_BLOCK = 1 << 17;
+constexpr std::size_t RING_BLOCKS = 66;
 // A slot holds the kernel's header and address (under 128 bytes before the
 // frame) and the longest frame taken.
 constexpr std::size_t RING_FRAME = HAL_TRAP_FRAME_MAX + 128;
 static_assert(RING_FRAME % TPACKET_ALIGNMENT == 0);
 constexpr std::size_t RING_PER_BLOCK = RING_BLOCK / RING_FRAME;
 constexpr std::size_t RING_SLOTS = RING_PER_BLOCK * RING_BLOCKS;
+static_assert(RING_SLOTS == 2046);
 
 struct ring_map {
     std::uint8_t *base = nullptr;

@@ -395,11 +395,11 @@ def test_a_bridge_added_later_is_refused_once_the_tables_know_it(lab):
 
 
 def test_bursts_come_whole_and_in_order_round_the_ring(lab):
-    """Bursts longer than one read (32 frames), 1,000 frames in all (more
+    """Bursts longer than one read (32 frames), 2,200 frames in all (more
     than the channel's ring holds at once, so its slots are used again):
     every frame comes, in the order sent, and nothing is read twice."""
     lab.probe.command("on")
-    burst, bursts = 50, 20
+    burst, bursts = 50, 44
     for b in range(bursts):
         frames = [eth(request(0x70000 + b * burst + i)) for i in range(burst)]
         for f in frames:
