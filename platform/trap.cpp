@@ -400,9 +400,19 @@ void ring_drain(ring_map &ring) {
     }
 }
 
+// A re-read VLAN table rebuilds the rule before the next frame is taken, so
+// that every frame handed on after the one that had the table re-read
+// follows the new rule.
+void refilter_if_stale(channel &c) {
+    if (c.delivering && c.rule_generation != uvlan_generation()) {
+        attach_rule(c);  // a failure keeps the rule in place, still a good one
+    }
+}
+
 // hal_recv on the ring: up to HAL_RECV_BATCH_MAX frames.
 void recv_ring(channel &c, hal_recv_cb cb) {
     for (int i = 0; i < HAL_RECV_BATCH_MAX; ++i) {
+        refilter_if_stale(c);
         tpacket2_hdr *h = ring_ready(c.ring);
         if (h == nullptr) {
             return;
@@ -566,10 +576,8 @@ int hal_recv(int fd, hal_recv_cb cb) {
         return -1;
     }
     channel &c = chan();
-    if (c.delivering && c.sock && fd == c.sock.get() && c.rule_generation != uvlan_generation()) {
-        attach_rule(c);  // a failure keeps the rule in place, still a good one
-    }
-    if (c.ring.base != nullptr && c.sock && fd == c.sock.get()) {
+    const bool channel_fd = c.sock && fd == c.sock.get();
+    if (channel_fd && c.ring.base != nullptr) {
         recv_ring(c, cb);
         return 0;
     }
@@ -579,6 +587,9 @@ int hal_recv(int fd, hal_recv_cb cb) {
             return -1;
         }
         for (std::size_t i = 0; i < static_cast<std::size_t>(n); ++i) {
+            if (channel_fd) {
+                refilter_if_stale(c);
+            }
             ++c.counters.read;
             const std::size_t frame_len = take(c, i);
             if (frame_len == 0) {
