@@ -1,6 +1,7 @@
 #include "dhcp/dhcp_socket.h"
 
 #include <arpa/inet.h>
+#include <linux/filter.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <net/if.h>
@@ -71,8 +72,32 @@ struct port67_state {
     dhcp_unique_fd fd;
     int handlers = 0;
     int drainers = 0;
+    bool refusing = false;  // the drop-everything filter is attached
 };
 port67_state port67;
+
+// While only draining roles hold the port, whatever arrives would be read and
+// thrown away: the kernel drops it instead, and no drain task is woken. From
+// the moment a handling role holds the port, every datagram is queued for it.
+void port67_refuse_update() {
+    const bool refuse = port67.fd && port67.handlers == 0 && port67.drainers > 0;
+    if (!port67.fd || refuse == port67.refusing) {
+        port67.refusing = port67.fd && port67.refusing;
+        return;
+    }
+    int rc = 0;
+    if (refuse) {
+        static sock_filter nothing[] = {{BPF_RET | BPF_K, 0, 0, 0}};
+        const sock_fprog prog{1, nothing};
+        rc = setsockopt(port67.fd.get(), SOL_SOCKET, SO_ATTACH_FILTER, &prog, sizeof prog);
+    } else {
+        int unused = 0;
+        rc = setsockopt(port67.fd.get(), SOL_SOCKET, SO_DETACH_FILTER, &unused, sizeof unused);
+    }
+    if (rc == 0) {
+        port67.refusing = refuse;
+    }
+}
 
 int &port67_count(dhcp_port67_role role) {
     return role == dhcp_port67_role::handle ? port67.handlers : port67.drainers;
@@ -127,6 +152,7 @@ int dhcp_port67_open(dhcp_port67_role role) {
         port67.fd.reset(fd);
     }
     port67_count(role)++;
+    port67_refuse_update();
     return port67.fd.get();
 }
 
@@ -139,6 +165,7 @@ void dhcp_port67_close(dhcp_port67_role role) {
     if (port67.handlers == 0 && port67.drainers == 0) {
         port67.fd.reset();
     }
+    port67_refuse_update();
 }
 
 int dhcp_port67_fd() {

@@ -53,6 +53,9 @@ int dhcp_listen_socket(std::uint32_t address, std::uint16_t port, const char *if
 //    datagram only while no handling role holds the port; otherwise it leaves
 //    the datagram to the handler's task, which the same readiness wakes.
 //    It never blocks: with nothing waiting it returns at once.
+//    While no handling role holds the port, the kernel drops what arrives
+//    (a filter on the socket), so there is nothing to drain but what was
+//    queued before the last handler left.
 // A role gives the port back with dhcp_port67_close() (or by dropping its
 // dhcp_port67_ref) after cancelling its read task, and never close()s the
 // descriptor itself. The socket is closed with the last reference.

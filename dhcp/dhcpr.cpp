@@ -305,6 +305,13 @@ void close_server_socket() {
     }
 }
 
+// Replies reach the relay through the trap: what arrives at the port-68
+// socket would only be read and thrown away, so the kernel drops it there.
+void refuse_datagrams(int fd) {
+    const sock_fprog &none = trap_filter_none();
+    (void)setsockopt(fd, SOL_SOCKET, SO_ATTACH_FILTER, &none, sizeof none);
+}
+
 int relay_on() {
     dhcpr_state.client_sock = dhcp_port67_ref(dhcp_port67_role::drain);
     if (!dhcpr_state.client_sock) {
@@ -319,6 +326,7 @@ int relay_on() {
         return -1;
     }
     dhcpr_state.server_sock.reset(server);
+    refuse_datagrams(server);
     dhcpr_state.server_read = thread_add_read(relay_master, dhcpr_recv_server, nullptr, server);
     dhcpr_state.netlink_fd = hal_netlink_async;
     // A channel the platform could not open gives no task (the scheduler

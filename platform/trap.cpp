@@ -4,11 +4,13 @@
 #include <linux/filter.h>
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <vector>
 
 #include "lib/log.h"
 #include "lib/unique_fd.h"
@@ -23,10 +25,14 @@ constexpr std::size_t ETH_HDR = 14;
 constexpr std::size_t MAC_PAIR = 12;  // destination and source MAC
 constexpr std::size_t TAG_LEN = 4;
 constexpr std::uint16_t TPID_8021Q = 0x8100;
-// Socket buffer: room for a burst of a few thousand frames.
+// Socket buffer, when frames are read from the socket queue: room for a
+// burst of a few thousand frames.
 constexpr int TRAP_RCVBUF = 4 << 20;
-// Frames dropped per hal_recv call before it gives the loop back.
-constexpr int RECV_SKIP_MAX = 32;
+// Frames read per recvmmsg call, and per hal_recv call at most, so that the
+// loop's other tasks (the CLI, timers) get their turn in a flood.
+constexpr std::size_t RECV_BATCH = 16;
+constexpr int RECV_ROUNDS = 2;
+static_assert(RECV_BATCH * RECV_ROUNDS == HAL_RECV_BATCH_MAX);
 // Frames dropped when delivery changes, at most (a flood never holds us).
 constexpr int DRAIN_MAX = 1 << 16;
 // A frame from a netdev the tables do not know re-reads them, at most this
@@ -68,6 +74,11 @@ constexpr int IPV4 = 16;
 constexpr int IS_L4 = 22;
 constexpr int ACCEPT = 36;
 constexpr int DROP = 37;
+// Bytes the accept takes: the whole frame.
+constexpr std::uint32_t ACCEPT_LEN = 0x40000;
+// Bridges refused in the kernel, at most (the program stays far below the
+// kernel's 4096 instructions); with more, user space refuses them all.
+constexpr std::size_t SKIP_MAX = 1000;
 
 constexpr std::array<sock_filter, 38> DHCP_RULE = {{
     /* 0 */ stmt(LD_W_ABS, AD(SKF_AD_PKTTYPE)),
@@ -106,7 +117,7 @@ constexpr std::array<sock_filter, 38> DHCP_RULE = {{
     /* 33 */ stmt(LD_H_IND, 2),
     /* 34 */ jump(JEQ, 67, 34, ACCEPT, 35),
     /* 35 */ jump(JEQ, 68, 35, ACCEPT, DROP),
-    /* 36 */ stmt(BPF_RET | BPF_K, 0x40000),
+    /* 36 */ stmt(BPF_RET | BPF_K, ACCEPT_LEN),
     /* 37 */ stmt(BPF_RET | BPF_K, 0),
 }};
 
@@ -116,13 +127,92 @@ static_assert(DHCP_RULE[NOAUX].k == 12 && DHCP_RULE[L3_AT_14].k == 14 &&
 
 constexpr std::array<sock_filter, 1> NOTHING = {{stmt(BPF_RET | BPF_K, 0)}};
 
+}  // namespace
+
+// The trap rule with an ingress check before its accept: a frame that came
+// in on one of `skip` (the vlanifN bridges, whose copy of a port's frame is
+// not a trapped frame) is refused in the kernel. Each index is a test and a
+// refusal of its own, so no jump grows with the list. A frame without a
+// device (never so on the channel) ends with the accept value loaded first.
+std::vector<sock_filter> trap_filter_skipping(std::span<const int> skip) {
+    std::vector<sock_filter> prog(DHCP_RULE.begin(), DHCP_RULE.end());
+    if (skip.empty() || skip.size() > SKIP_MAX) {
+        return prog;
+    }
+    // The accept steps over the drop to the ingress check behind it.
+    prog[ACCEPT] = stmt(BPF_JMP | BPF_JA, DROP - ACCEPT);
+    prog.push_back(stmt(BPF_LD | BPF_W | BPF_IMM, ACCEPT_LEN));
+    prog.push_back(stmt(LD_W_ABS, AD(SKF_AD_IFINDEX)));
+    for (int index : skip) {
+        prog.push_back(sock_filter{JEQ, 0, 1, static_cast<std::uint32_t>(index)});
+        prog.push_back(stmt(BPF_RET | BPF_K, 0));
+    }
+    prog.push_back(stmt(BPF_RET | BPF_K, ACCEPT_LEN));
+    return prog;
+}
+
+namespace {
+
 // ---- the socket ----
+
+// One slot of a batched read: the frame and what the kernel says about it.
+struct rx_slot {
+    std::array<std::uint8_t, HAL_TRAP_FRAME_MAX> frame;
+    sockaddr_ll from;
+    alignas(cmsghdr) std::uint8_t control[CMSG_SPACE(sizeof(tpacket_auxdata))];
+    iovec iov;
+};
+
+// The receive ring the kernel writes frames into (TPACKET_V2), mapped once
+// with the socket. Frame slots are taken in order; a slot is the reader's
+// while its status has TP_STATUS_USER and goes back to the kernel when read.
+// 2046 slots in 8.25 MiB: a burst of a couple of thousand frames waits there
+// as it did in the socket buffer.
+constexpr std::size_t RING_BLOCK = 1 << 17;
+constexpr std::size_t RING_BLOCKS = 66;
+// A slot holds the kernel's header and address (under 128 bytes before the
+// frame) and the longest frame taken.
+constexpr std::size_t RING_FRAME = HAL_TRAP_FRAME_MAX + 128;
+static_assert(RING_FRAME % TPACKET_ALIGNMENT == 0);
+constexpr std::size_t RING_PER_BLOCK = RING_BLOCK / RING_FRAME;
+constexpr std::size_t RING_SLOTS = RING_PER_BLOCK * RING_BLOCKS;
+static_assert(RING_SLOTS == 2046);
+
+struct ring_map {
+    std::uint8_t *base = nullptr;
+    std::size_t len = 0;
+    std::size_t head = 0;  // the next slot to read
+    ring_map() = default;
+    ring_map(const ring_map &) = delete;
+    ring_map &operator=(const ring_map &) = delete;
+    ~ring_map() { reset(); }
+    void reset() {
+        if (base != nullptr) {
+            munmap(base, len);
+        }
+        base = nullptr;
+        len = 0;
+        head = 0;
+    }
+    tpacket2_hdr *slot(std::size_t i) const {
+        return reinterpret_cast<tpacket2_hdr *>(base + (i / RING_PER_BLOCK) * RING_BLOCK +
+                                                (i % RING_PER_BLOCK) * RING_FRAME);
+    }
+};
 
 struct channel {
     unique_fd sock;
+    ring_map ring;
     std::uint64_t last_refresh_ms = 0;
     bool refreshed = false;
-    std::array<std::uint8_t, HAL_TRAP_FRAME_MAX> rx{};
+    bool delivering = false;
+    // The program attached while delivering, and the VLAN table it was built
+    // from; a re-read table rebuilds it.
+    std::vector<sock_filter> rule;
+    std::uint64_t rule_generation = 0;
+    hal_trap_counters counters{};
+    std::array<rx_slot, RECV_BATCH> rx{};
+    std::array<mmsghdr, RECV_BATCH> hdrs{};
     std::array<std::uint8_t, HAL_TRAP_MSG_MAX> msg{};
 };
 
@@ -185,36 +275,157 @@ trap_aux aux_of(msghdr &mh) {
     return aux;
 }
 
-enum class got { frame, skipped, none, failed };
+// Attaches the trap rule built from the VLAN table as it stands.
+int attach_rule(channel &c) {
+    c.rule_generation = uvlan_generation();
+    const std::vector<int> bridges = uvlan_bridge_ifindexes();
+    c.rule = trap_filter_skipping(bridges);
+    const sock_fprog prog{static_cast<unsigned short>(c.rule.size()), c.rule.data()};
+    return attach(c.sock.get(), prog);
+}
 
-// Reads one frame; builds its message when it is a trapped frame.
-got read_one(int fd, std::size_t *frame_len) {
-    channel &c = chan();
-    sockaddr_ll from{};
-    alignas(cmsghdr) std::uint8_t control[CMSG_SPACE(sizeof(tpacket_auxdata))];
-    iovec iov{c.rx.data(), c.rx.size()};
-    msghdr mh{};
-    mh.msg_name = &from;
-    mh.msg_namelen = sizeof from;
-    mh.msg_iov = &iov;
-    mh.msg_iovlen = 1;
-    mh.msg_control = control;
-    mh.msg_controllen = sizeof control;
-    ssize_t n = recvmsg(fd, &mh, MSG_DONTWAIT | MSG_TRUNC);
-    if (n < 0) {
-        return (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) ? got::none
-                                                                           : got::failed;
+// Reads up to RECV_BATCH frames; the number read, 0 when nothing was
+// waiting, -1 on a read error.
+int read_batch(channel &c, int fd) {
+    for (std::size_t i = 0; i < RECV_BATCH; ++i) {
+        rx_slot &slot = c.rx[i];
+        slot.iov = iovec{slot.frame.data(), slot.frame.size()};
+        msghdr &mh = c.hdrs[i].msg_hdr;
+        mh = msghdr{};
+        mh.msg_name = &slot.from;
+        mh.msg_namelen = sizeof slot.from;
+        mh.msg_iov = &slot.iov;
+        mh.msg_iovlen = 1;
+        mh.msg_control = slot.control;
+        mh.msg_controllen = sizeof slot.control;
+        c.hdrs[i].msg_len = 0;
     }
-    if ((mh.msg_flags & MSG_TRUNC) != 0 || static_cast<std::size_t>(n) > c.rx.size() ||
-        from.sll_pkttype == PACKET_OUTGOING) {
-        return got::skipped;
+    int n = recvmmsg(fd, c.hdrs.data(), RECV_BATCH, MSG_DONTWAIT | MSG_TRUNC, nullptr);
+    if (n < 0) {
+        return (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) ? 0 : -1;
+    }
+    return n;
+}
+
+// Builds the message of the frame in slot `i` when it is a trapped frame;
+// the frame's length in the message, or 0 when it is not one.
+std::size_t take(channel &c, std::size_t i) {
+    rx_slot &slot = c.rx[i];
+    msghdr &mh = c.hdrs[i].msg_hdr;
+    const std::size_t n = c.hdrs[i].msg_len;
+    if ((mh.msg_flags & MSG_TRUNC) != 0 || n > slot.frame.size() ||
+        slot.from.sll_pkttype == PACKET_OUTGOING) {
+        return 0;
+    }
+    trap_ingress in;
+    if (!ingress_of(slot.from.sll_ifindex, &in)) {
+        return 0;
+    }
+    return trap_build_msg(c.msg, {slot.frame.data(), n}, in, aux_of(mh));
+}
+
+// Maps the receive ring on the fresh socket; without it, frames are read
+// from the socket queue instead.
+void map_ring(int fd, ring_map &ring) {
+    const int version = TPACKET_V2;
+    tpacket_req req{};
+    req.tp_block_size = RING_BLOCK;
+    req.tp_block_nr = RING_BLOCKS;
+    req.tp_frame_size = RING_FRAME;
+    req.tp_frame_nr = RING_SLOTS;
+    if (setsockopt(fd, SOL_PACKET, PACKET_VERSION, &version, sizeof version) != 0 ||
+        setsockopt(fd, SOL_PACKET, PACKET_RX_RING, &req, sizeof req) != 0) {
+        return;
+    }
+    const std::size_t len = RING_BLOCK * RING_BLOCKS;
+    void *base = mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    if (base == MAP_FAILED) {
+        tpacket_req none{};
+        setsockopt(fd, SOL_PACKET, PACKET_RX_RING, &none, sizeof none);
+        return;
+    }
+    ring.base = static_cast<std::uint8_t *>(base);
+    ring.len = len;
+}
+
+// The slot at the head when the kernel has filled it, else nullptr.
+tpacket2_hdr *ring_ready(const ring_map &ring) {
+    tpacket2_hdr *h = ring.slot(ring.head);
+    return (__atomic_load_n(&h->tp_status, __ATOMIC_ACQUIRE) & TP_STATUS_USER) != 0 ? h : nullptr;
+}
+
+void ring_release(ring_map &ring, tpacket2_hdr *h) {
+    __atomic_store_n(&h->tp_status, TP_STATUS_KERNEL, __ATOMIC_RELEASE);
+    ring.head = (ring.head + 1) % RING_SLOTS;
+}
+
+// Builds the message of the frame in ring slot `h`; its length in the
+// message, or 0 when it is not a trapped frame. Slot fields are the kernel's
+// and are checked against the slot before use.
+std::size_t take_ring(channel &c, const tpacket2_hdr &h) {
+    const std::size_t ll_at = TPACKET_ALIGN(sizeof(tpacket2_hdr));
+    if (h.tp_len != h.tp_snaplen || h.tp_snaplen > HAL_TRAP_FRAME_MAX || h.tp_mac > RING_FRAME ||
+        RING_FRAME - h.tp_mac < h.tp_snaplen) {
+        return 0;
+    }
+    sockaddr_ll from;
+    std::memcpy(&from, reinterpret_cast<const std::uint8_t *>(&h) + ll_at, sizeof from);
+    if (from.sll_pkttype == PACKET_OUTGOING) {
+        return 0;
     }
     trap_ingress in;
     if (!ingress_of(from.sll_ifindex, &in)) {
-        return got::skipped;
+        return 0;
     }
-    *frame_len = trap_build_msg(c.msg, {c.rx.data(), static_cast<std::size_t>(n)}, in, aux_of(mh));
-    return *frame_len == 0 ? got::skipped : got::frame;
+    trap_aux aux;
+    if ((h.tp_status & TP_STATUS_VLAN_VALID) != 0) {
+        aux.tagged = true;
+        aux.tci = h.tp_vlan_tci;
+        if ((h.tp_status & TP_STATUS_VLAN_TPID_VALID) != 0) {
+            aux.tpid = h.tp_vlan_tpid;
+        }
+    }
+    const auto *frame = reinterpret_cast<const std::uint8_t *>(&h) + h.tp_mac;
+    return trap_build_msg(c.msg, {frame, h.tp_snaplen}, in, aux);
+}
+
+// Gives every filled slot back to the kernel (a bounded walk of the ring).
+void ring_drain(ring_map &ring) {
+    for (std::size_t i = 0; i < RING_SLOTS && ring.base != nullptr; ++i) {
+        tpacket2_hdr *h = ring_ready(ring);
+        if (h == nullptr) {
+            return;
+        }
+        ring_release(ring, h);
+    }
+}
+
+// A re-read VLAN table rebuilds the rule before the next frame is taken, so
+// that every frame handed on after the one that had the table re-read
+// follows the new rule.
+void refilter_if_stale(channel &c) {
+    if (c.delivering && c.rule_generation != uvlan_generation()) {
+        attach_rule(c);  // a failure keeps the rule in place, still a good one
+    }
+}
+
+// hal_recv on the ring: up to HAL_RECV_BATCH_MAX frames.
+void recv_ring(channel &c, hal_recv_cb cb) {
+    for (int i = 0; i < HAL_RECV_BATCH_MAX; ++i) {
+        refilter_if_stale(c);
+        tpacket2_hdr *h = ring_ready(c.ring);
+        if (h == nullptr) {
+            return;
+        }
+        ++c.counters.read;
+        const std::size_t frame_len = take_ring(c, *h);
+        ring_release(c.ring, h);  // the message is a copy
+        if (frame_len == 0) {
+            ++c.counters.dropped;
+            continue;
+        }
+        cb(HAL_MSG_TRAPPED_FRAME, c.msg.data(), static_cast<std::uint32_t>(frame_len));
+    }
 }
 
 void put_u16(std::uint8_t *p, std::uint16_t v) {
@@ -258,6 +469,7 @@ int trap_channel_open() {
         zlog_err("hal: can't filter the trap channel: %s", std::strerror(errno));
         return -1;
     }
+    map_ring(fd.get(), c.ring);
     set_option(fd.get(), SOL_PACKET, PACKET_AUXDATA, 1);
     set_option(fd.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, 1);  // kernels from 4.20
     if (setsockopt(fd.get(), SOL_SOCKET, SO_RCVBUFFORCE, &TRAP_RCVBUF, sizeof TRAP_RCVBUF) != 0) {
@@ -268,6 +480,7 @@ int trap_channel_open() {
     sll.sll_protocol = htons(ETH_P_ALL);
     if (bind(fd.get(), reinterpret_cast<sockaddr *>(&sll), sizeof sll) != 0) {
         zlog_err("hal: can't bind the trap channel: %s", std::strerror(errno));
+        c.ring.reset();
         return -1;
     }
     c.sock = std::move(fd);
@@ -283,13 +496,16 @@ int trap_channel_deliver(bool on) {
     int fd = c.sock.get();
     if (on) {
         drain(fd);
+        ring_drain(c.ring);
     }
-    if (attach(fd, on ? trap_filter_dhcp() : trap_filter_none()) != 0) {
+    c.delivering = on;
+    if ((on ? attach_rule(c) : attach(fd, trap_filter_none())) != 0) {
         zlog_err("hal: can't filter the trap channel: %s", std::strerror(errno));
         return -1;
     }
     if (!on) {
         drain(fd);
+        ring_drain(c.ring);
     }
     return 0;
 }
@@ -359,19 +575,36 @@ int hal_recv(int fd, hal_recv_cb cb) {
     if (fd < 0 || cb == nullptr) {
         return -1;
     }
-    for (int i = 0; i < RECV_SKIP_MAX; ++i) {
-        std::size_t frame_len = 0;
-        switch (read_one(fd, &frame_len)) {
-            case got::frame:
-                cb(HAL_MSG_TRAPPED_FRAME, chan().msg.data(), static_cast<std::uint32_t>(frame_len));
-                return 0;
-            case got::skipped:
+    channel &c = chan();
+    const bool channel_fd = c.sock && fd == c.sock.get();
+    if (channel_fd && c.ring.base != nullptr) {
+        recv_ring(c, cb);
+        return 0;
+    }
+    for (int round = 0; round < RECV_ROUNDS; ++round) {
+        const int n = read_batch(c, fd);
+        if (n < 0) {
+            return -1;
+        }
+        for (std::size_t i = 0; i < static_cast<std::size_t>(n); ++i) {
+            if (channel_fd) {
+                refilter_if_stale(c);
+            }
+            ++c.counters.read;
+            const std::size_t frame_len = take(c, i);
+            if (frame_len == 0) {
+                ++c.counters.dropped;
                 continue;
-            case got::none:
-                return 0;
-            case got::failed:
-                return -1;
+            }
+            cb(HAL_MSG_TRAPPED_FRAME, c.msg.data(), static_cast<std::uint32_t>(frame_len));
+        }
+        if (static_cast<std::size_t>(n) < RECV_BATCH) {
+            break;
         }
     }
     return 0;
+}
+
+hal_trap_counters hal_trap_counters_get() {
+    return chan().counters;
 }

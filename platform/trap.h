@@ -1,22 +1,29 @@
 // The trapped-frame channel: DHCP frames the switch copies to the processor.
 //
-// On Linux the channel is one AF_PACKET socket. Its kernel filter passes only
+// On Linux the channel is one AF_PACKET socket, read through a receive ring
+// mapped with it (or its queue where no ring can be mapped), a bounded batch
+// of frames per hal_recv() call. Its kernel filter passes only
 // IPv4 frames with UDP or TCP source or destination port 67 or 68 (with or
 // without one 802.1Q tag; for a fragmented datagram only the first fragment,
 // which holds the ports) that the switch received; frames the switch itself
 // sends are never trapped. Of those, hal_recv() keeps the frames that came in
 // on a switch port (a netdev enslaved to a vlanifN bridge) or on a vlanifN
 // netdev that is not a bridge; the copy a vlanifN bridge passes up to itself
-// is not a trapped frame (its port's copy is). Each frame is handed on as the
+// is not a trapped frame (its port's copy is): the filter refuses it in the
+// kernel, from the bridges of the VLAN table, and is rebuilt whenever that
+// table is read again (user space still checks). Each frame is handed on as the
 // switching chip would: message type 1 and the trapped-frame message below,
 // with a VLAN tag the kernel moved out of the frame put back into it.
 //
 // Trapping is turned on and off by hal_dhcp_enable() (platform/hal.h).
 #pragma once
 
+#include <linux/filter.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <vector>
 
 // The trapped-frame message: this header, hdr.gap bytes, then the frame.
 // Fields are in host order; reserved bytes and the gap read 0.
@@ -46,12 +53,22 @@ extern int hal_netlink_async;
 // the frame only, a tag included.
 using hal_recv_cb = int (*)(std::uint32_t type, std::uint8_t *msg, std::uint32_t frame_len);
 
-// Reads the channel `fd` and hands the first trapped frame to `cb`. Frames
-// that are not trapped frames (outgoing, from another interface, too long
-// for the buffer) are read and dropped on the way, a bounded number per call.
-// 0 when a frame was handed on (whatever the callback returned) or nothing
-// was waiting; -1 on a read error or a missing argument.
+// Reads the channel `fd` and hands the trapped frames waiting to `cb`, one
+// call per frame in the order they came, at most HAL_RECV_BATCH_MAX per call
+// so that the loop's other tasks get their turn. Frames that are not trapped
+// frames (outgoing, from another interface, too long for the buffer) are
+// read and dropped on the way. 0 (whatever the callback returned, and when
+// nothing was waiting); -1 on a read error or a missing argument.
 int hal_recv(int fd, hal_recv_cb cb);
+constexpr int HAL_RECV_BATCH_MAX = 32;
+
+// What the channel has read since the process started: every frame taken
+// from the socket, and those of them dropped in user space (not handed on).
+struct hal_trap_counters {
+    std::uint64_t read;
+    std::uint64_t dropped;
+};
+hal_trap_counters hal_trap_counters_get();
 
 // ---- Pieces of the channel, for hal_dhcp_enable and the tests ----
 
@@ -64,10 +81,13 @@ constexpr std::size_t HAL_TRAP_FRAME_MAX = 4096;
 constexpr std::size_t HAL_TRAP_MSG_MAX =
     sizeof(hal_trap_hdr) + HAL_TRAP_GAP + HAL_TRAP_FRAME_MAX + 4;
 
-struct sock_fprog;
 // The classic-BPF programs: the trap rule, and one that passes nothing.
 const sock_fprog &trap_filter_dhcp();
 const sock_fprog &trap_filter_none();
+// The trap rule that also refuses frames that came in on the kernel
+// interfaces `skip` (the channel's, with the vlanifN bridges). With no index,
+// or too many, it is the trap rule itself.
+std::vector<sock_filter> trap_filter_skipping(std::span<const int> skip);
 
 // Opens the channel (once; sets hal_netlink_async). 0, or -1 when the
 // socket cannot be made.

@@ -18,6 +18,7 @@ struct tables {
     std::string root = "/sys/class/net";
     std::map<std::uint32_t, uif> ports;  // by uif index
     std::map<std::uint16_t, uvlan> vlans;
+    std::uint64_t vlan_generation = 0;
 };
 
 tables &T() {
@@ -85,6 +86,7 @@ void for_each_netdev(F f) {
 }
 
 void scan_vlans() {
+    ++T().vlan_generation;
     T().vlans.clear();
     for_each_netdev([](const std::string &dev) {
         std::uint16_t vid = vid_from_name(dev.c_str());
@@ -189,6 +191,20 @@ const uif *uif_peek_by_kernel_ifindex(int ifindex) {
         }
     }
     return nullptr;
+}
+
+std::uint64_t uvlan_generation() {
+    return T().vlan_generation;
+}
+
+std::vector<int> uvlan_bridge_ifindexes() {
+    std::vector<int> out;
+    for (const auto &[vid, v] : T().vlans) {
+        if (v.bridge && v.kernel_ifindex > 0) {
+            out.push_back(v.kernel_ifindex);
+        }
+    }
+    return out;
 }
 
 const uvlan *uvlan_peek_by_kernel_ifindex(int ifindex) {

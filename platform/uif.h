@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <vector>
 
 struct interface;
 
@@ -42,6 +43,11 @@ void uvlan_init();
 void uif_refresh();
 // Walks the ports in index order, from the table as it stands (no re-read).
 void uif_foreach(const std::function<void(const uif &)> &fn);
+// Changes (by one or more) whenever the VLAN table is read again, so that
+// what is derived from it can be rebuilt.
+std::uint64_t uvlan_generation();
+// The kernel interface indexes of the vlanifN netdevs that are bridges.
+std::vector<int> uvlan_bridge_ifindexes();
 
 const uif *uif_lookup_by_name(const char *name);
 const uif *uif_lookup_by_index(std::uint32_t index);

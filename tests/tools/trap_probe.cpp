@@ -2,6 +2,9 @@
 // namespace: trap_probe, then commands on standard input, one a line:
 //   on    hal_dhcp_enable(1)    prints "enable rc=<rc> fd=<hal_netlink_async> on=<0|1>"
 //   off   hal_dhcp_enable(0)    prints the same line
+//   counters                    prints "counters read=<n> dropped=<n>": the
+//                               frames the channel read, and those dropped
+//                               in user space
 //   quit  ends
 // Every trapped message is printed as one line:
 //   "trap type=<t> port=<p> vlan=<v> gap=<g> len=<frame length>
@@ -53,6 +56,10 @@ bool command(const std::string &line) {
     if (line == "on" || line == "off") {
         int rc = hal_dhcp_enable(line == "on" ? 1 : 0);
         std::printf("enable rc=%d fd=%d on=%d\n", rc, hal_netlink_async, hal_dhcp_enabled());
+    } else if (line == "counters") {
+        const hal_trap_counters n = hal_trap_counters_get();
+        std::printf("counters read=%llu dropped=%llu\n", static_cast<unsigned long long>(n.read),
+                    static_cast<unsigned long long>(n.dropped));
     } else if (!line.empty()) {
         std::printf("unknown command %s\n", line.c_str());
     }

@@ -811,25 +811,51 @@ TEST_F(Port67, UnicastReachesTheHandlerWhicheverRoleOpenedFirst) {
     }
 }
 
+// A broadcast to port 67 reaches every socket on 0.0.0.0:67: once the
+// witness has it, the shared socket has had it too, or never will.
+void broadcast_seen_by(int witness) {
+    dhcp_unique_fd tx(::socket(AF_INET, SOCK_DGRAM, 0));
+    ASSERT_EQ(dhcp_setsockopt_broadcast(tx.get()), 0);
+    sockaddr_in dst{};
+    dst.sin_family = AF_INET;
+    dst.sin_port = htons(67);
+    dst.sin_addr.s_addr = nip("10.9.0.255");
+    const Bytes payload = pattern(300);
+    ASSERT_EQ(::sendto(tx.get(), payload.data(), payload.size(), 0,
+                       reinterpret_cast<const sockaddr *>(&dst), sizeof dst),
+              300);
+    ASSERT_TRUE(readable(witness, 5000));
+    Bytes got(600);
+    ASSERT_EQ(::recv(witness, got.data(), got.size(), 0), 300);
+}
+
 TEST_F(Port67, DrainReadsOnlyWhileNoRoleHandlesAndNeverWaits) {
     const int fd = dhcp_port67_open(dhcp_port67_role::drain);
     ASSERT_GE(fd, 0);
+    dhcp_unique_fd witness(dhcp_listen_socket(INADDR_ANY, 67, nullptr));
+    ASSERT_TRUE(witness);
     logs.clear();
     EXPECT_EQ(dhcp_port67_drain(fd), 0);  // nothing waiting: returns at once
-    send_udp(pattern(300), "10.9.0.1", 67);
-    ASSERT_TRUE(readable(fd, 5000));
+    broadcast_seen_by(witness.get());
+    EXPECT_FALSE(readable(fd, 0));  // only drainers: dropped by the kernel
     EXPECT_EQ(dhcp_port67_drain(fd), 0);
-    EXPECT_FALSE(readable(fd, 0));  // read and thrown away
 
     ASSERT_EQ(dhcp_port67_open(dhcp_port67_role::handle), fd);
-    send_udp(pattern(300), "10.9.0.1", 67);
-    ASSERT_TRUE(readable(fd, 5000));
+    broadcast_seen_by(witness.get());
+    ASSERT_TRUE(readable(fd, 0));  // queued for the handler
     EXPECT_EQ(dhcp_port67_drain(fd), 0);
     EXPECT_TRUE(readable(fd, 0));  // left to the handler
 
     dhcp_port67_close(dhcp_port67_role::handle);
-    EXPECT_EQ(dhcp_port67_drain(fd), 0);
+    EXPECT_EQ(dhcp_port67_drain(fd), 0);  // what the handler left is read
     EXPECT_FALSE(readable(fd, 0));
+    broadcast_seen_by(witness.get());
+    EXPECT_FALSE(readable(fd, 0));  // dropped again
+
+    // A handler that comes back gets what arrives from then on.
+    ASSERT_EQ(dhcp_port67_open(dhcp_port67_role::handle), fd);
+    broadcast_seen_by(witness.get());
+    EXPECT_TRUE(readable(fd, 0));
     EXPECT_TRUE(logs.empty());  // quiet with packet debugging off
 }
 

@@ -1373,6 +1373,26 @@ TEST_F(Relay, NetlinkTaskLogsAFailedReceiveAndRearms) {
     ::close(p[1]);
 }
 
+// Nothing sent to the relay's port-68 socket is ever queued there.
+TEST_F(Relay, ThePort68SocketQueuesNothing) {
+    const int fd = dhcpr_enable_set(1);
+    ASSERT_GT(fd, 0);
+    const int peer = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ASSERT_GE(peer, 0);
+    sockaddr_in to{};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(68);
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const std::uint8_t datagram[300] = {2};
+    ASSERT_EQ(
+        ::sendto(peer, datagram, sizeof datagram, 0, reinterpret_cast<sockaddr *>(&to), sizeof to),
+        static_cast<ssize_t>(sizeof datagram));
+    std::uint8_t buf[512];
+    EXPECT_EQ(::recv(fd, buf, sizeof buf, MSG_DONTWAIT), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    ::close(peer);
+}
+
 // ===========================================================================
 // Interface deletion from the interface manager.
 

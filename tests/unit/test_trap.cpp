@@ -115,6 +115,42 @@ TEST_P(TrapFilter, MatchesAsTheTrapRuleDoes) {
     EXPECT_FALSE(passes(trap_filter_none(), c.frame)) << c.what;
 }
 
+// With bridges to refuse, the rule gives the same verdicts for a frame that
+// came in on none of them (a datagram socket's frames have no device; the
+// system tests show the refusal by interface).
+TEST_P(TrapFilter, RuleWithBridgesToRefuseKeepsTheVerdicts) {
+    const FilterCase &c = GetParam();
+    const int bridges[] = {5, 6, 9};
+    std::vector<sock_filter> rule = trap_filter_skipping(bridges);
+    const sock_fprog prog{static_cast<unsigned short>(rule.size()), rule.data()};
+    EXPECT_EQ(passes(prog, c.frame), c.trapped) << c.what;
+}
+
+TEST(TrapFilterSkipping, EachBridgeAddsATestAndARefusal) {
+    const sock_fprog &plain = trap_filter_dhcp();
+    EXPECT_EQ(trap_filter_skipping({}).size(), plain.len);
+    EXPECT_TRUE(std::equal(plain.filter, plain.filter + plain.len, trap_filter_skipping({}).begin(),
+                           [](const sock_filter &a, const sock_filter &b) {
+                               return a.code == b.code && a.jt == b.jt && a.jf == b.jf &&
+                                      a.k == b.k;
+                           }));
+    const int one[] = {5};
+    const int three[] = {5, 6, 9};
+    const std::size_t base = trap_filter_skipping(one).size();
+    EXPECT_EQ(trap_filter_skipping(three).size(), base + 4);
+    const std::vector<sock_filter> rule = trap_filter_skipping(three);
+    for (std::size_t i = 0; i < 3; ++i) {
+        const sock_filter &test = rule[rule.size() - 7 + 2 * i];
+        const sock_filter &refuse = rule[rule.size() - 6 + 2 * i];
+        EXPECT_EQ(test.code, BPF_JMP | BPF_JEQ | BPF_K);
+        EXPECT_EQ(test.k, static_cast<std::uint32_t>(three[i]));
+        EXPECT_EQ(refuse.code, BPF_RET | BPF_K);
+        EXPECT_EQ(refuse.k, 0u);
+    }
+    EXPECT_EQ(rule.back().code, BPF_RET | BPF_K);
+    EXPECT_NE(rule.back().k, 0u);
+}
+
 bytes cut(bytes b, std::size_t n) {
     b.resize(n);
     return b;
