@@ -1,5 +1,6 @@
 #include "dhcp/dhcp_json.h"
 
+#include "dhcp/dhcp_json_stats.h"
 #include "platform/jserver.h"
 
 #include <cjson/cJSON.h>
@@ -14,7 +15,9 @@ std::array<char, 64 * 1024> response;
 
 }  // namespace
 
-void dhcp_json_register() {}
+void dhcp_json_register() {
+    dhcp_json_stats_register();
+}
 
 void dhcp_json_init(thread_master *master) {
     jserver_init(master, DHCP_JSON_PATH, dhcp_json_request);

@@ -12,9 +12,12 @@
 #include <cstring>
 
 #include "dhcp/dhcp_debug.h"
+#include "dhcp/dhcp_json.h"
 #include "dhcp/dhcp_zebra.h"
 #include "dhcp/dhcpr.h"
+#include "dhcp/dhcpr_stats.h"
 #include "dhcp/dhcpr_vty.h"
+#include "dhcp/dhcps_stats.h"
 #include "dhcp/dhcps_vty.h"
 #include "dhcp/dhcps.h"
 #include "dhcp/dhcps_leases.h"
@@ -26,6 +29,7 @@
 #include "lib/vty.h"
 #include "lib/vty_proto.h"
 #include "platform/host.h"
+#include "platform/jserver.h"
 #include "platform/uclient.h"
 #include "platform/uif.h"
 
@@ -49,6 +53,9 @@ void sigusr1() {
 }
 void sigint() {
     zlog_notice("Terminating on signal");
+    // The request socket goes with the daemon: a client finds no socket
+    // rather than one nobody answers.
+    jserver_close();
     std::exit(0);
 }
 
@@ -152,6 +159,8 @@ int main(int argc, char **argv) {
     dhcp_debug_init();
     dhcps_vty_init();
     dhcpr_vty_init();
+    dhcps_stats_vty_init();
+    dhcpr_stats_vty_init();
 
     if (daemon_mode) {
         if (daemon(0, 0) < 0) {
@@ -177,9 +186,11 @@ int main(int argc, char **argv) {
     thread_add_read(master, dhcp_uclient_read, dhcp_uclient, dhcp_uclient->sock);
     thread_add_read(master, dhcp_uclient_serv, dhcp_uclient, dhcp_uclient->serv_sock);
     dhcps_write_timer_start(master);
+    dhcp_json_init(master);
 
     host_init(0x48000, 0);
     zlog_notice("DHCP %s starting", DHCPD_VERSION);
     thread_main(master);
+    jserver_close();
     return 0;
 }

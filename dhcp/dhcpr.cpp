@@ -18,6 +18,7 @@
 #include "dhcp/dhcp_packet.h"
 #include "dhcp/dhcp_socket.h"
 #include "dhcp/dhcp_zebra.h"
+#include "dhcp/dhcpr_stats.h"
 #include "lib/if.h"
 #include "lib/log.h"
 #include "lib/prefix.h"
@@ -439,31 +440,33 @@ bool server_identifier(dhcp_packet &packet, std::uint32_t &nip) {
 }
 
 // Steps 3 to 9 of the reply path for the item found; the caller deletes the
-// items of the xid afterwards whatever happens here.
-void deliver_reply(dhcp_packet &packet, int len, const dhcpr_item &item) {
+// items of the xid afterwards whatever happens here. `alive`: whether the
+// item's client interface is still in the table.
+dhcpr_outcome deliver_reply(dhcp_packet &packet, int len, const dhcpr_item &item, int type,
+                            bool alive) {
     const dhcpr_if *r = dhcpr_get_if_relay(item.gateway_nip);
     if (r == nullptr) {
         zlog_warn("dhcpr_get_if_relay fail!");
-        return;
+        return dhcpr_outcome::no_relay_record;
     }
     if (r->enable != 1) {
         zlog_warn("This interface relay is not enabled!");
-        return;
+        return dhcpr_outcome::relay_not_enabled;
     }
-    if (!is_delivered_to_client(dhcpr_message_type(packet))) {
-        return;
+    if (!is_delivered_to_client(type)) {
+        return dhcpr_outcome::wrong_reply_type;
     }
     if ((item.flags & htons(DHCP_BROADCAST_FLAG)) != 0) {
         packet.flags = htons(DHCP_BROADCAST_FLAG);
     }
     std::uint32_t server_id = 0;
     if (!server_identifier(packet, server_id)) {
-        return;
+        return dhcpr_outcome::no_server_id;
     }
     // An interface deleted since the request counts as none.
-    if (item.client_ifp == nullptr || !interface_alive(item.client_ifp)) {
+    if (item.client_ifp == nullptr || !alive) {
         zlog_warn("item->client_ifp is NULL!");
-        return;
+        return dhcpr_outcome::no_client_interface;
     }
     const std::uint32_t mask = gateway_mask(item.client_ifp, item.gateway_nip);
     static constexpr std::uint8_t broadcast_mac[6] = {0xff, 0xff, 0xff, 0xff, 0xff, 0xff};
@@ -476,6 +479,7 @@ void deliver_reply(dhcp_packet &packet, int len, const dhcpr_item &item) {
     client_sender(packet, server_id, DHCP_SERVER_PORT, dst, DHCP_CLIENT_PORT, mac,
                   item.client_ifp->ifindex,
                   len + static_cast<int>(sizeof(dhcp_ip_header) + sizeof(dhcp_udp_header)));
+    return dhcpr_outcome::delivered;
 }
 
 // ---- trapped frames ----
@@ -520,16 +524,18 @@ std::uint8_t *untagged_frame(std::uint8_t *frame, std::size_t &len) {
 
 // Finds the UDP payload of a frame for port 67 or 68. The IP version,
 // checksums, UDP length and source port are not looked at. 0, or -1 after
-// logging why the frame is not one for the relay.
-int decode_frame(std::uint8_t *frame, std::size_t frame_len, udp_view &out) {
+// logging why the frame is not one for the relay (the refusal in *why).
+int decode_frame(std::uint8_t *frame, std::size_t frame_len, udp_view &out, dhcpr_refusal *why) {
     std::size_t len = frame_len;
     const std::uint8_t *eth = untagged_frame(frame, len);
+    *why = dhcpr_refusal::bad_length;
     if (eth == nullptr || len < ETH_HLEN_UNTAGGED + IPV4_MIN_HLEN) {
         return bad_payload(payload_length(len, IPV4_MIN_HLEN));
     }
     const std::uint8_t *ip = eth + ETH_HLEN_UNTAGGED;
     if (ip[9] != IPPROTO_UDP_NUM) {
         zlog_err("%s: invalid protocol %d", "dhcpr_netlink_msg", ip[9]);
+        *why = dhcpr_refusal::not_udp;
         return -1;
     }
     const std::size_t ip_hlen = static_cast<std::size_t>(ip[0] & 0x0f) * 4;
@@ -540,6 +546,7 @@ int decode_frame(std::uint8_t *frame, std::size_t frame_len, udp_view &out) {
     out.dport = load_be16(ip + ip_hlen + 2);
     if (out.dport != DHCP_CLIENT_PORT && out.dport != DHCP_SERVER_PORT) {
         zlog_err("%s: invalid dport %d", "dhcpr_netlink_msg", out.dport);
+        *why = dhcpr_refusal::wrong_port;
         return -1;
     }
     out.payload = ip + ip_hlen + UDP_HLEN;
@@ -881,49 +888,19 @@ int dhcpr_message_type(const dhcp_packet &packet) {
     return v[0];
 }
 
-int dhcpr_relay_request(dhcp_packet &packet, int len, std::uint32_t port, std::uint16_t vlan) {
-    if (packet.hops > DHCPR_MAX_HOPS) {
-        zlog_err("hops is %d, more than maximum hops %d", packet.hops, DHCPR_MAX_HOPS);
-        return -1;
-    }
-    ++packet.hops;
-    std::uint32_t gateway = 0;
-    if (dhcp_get_l3if_address(vlan, &gateway) != 0) {
-        return -7;
-    }
-    if (packet.gateway_nip == 0) {
-        packet.gateway_nip = gateway;
-        zlog_info("gateway_nip change to %s\n", ntoa(gateway).buf);
-    }
-    // Chosen by the ingress VLAN's address, not by giaddr.
-    const dhcpr_if *r = dhcpr_get_if_relay(gateway);
-    if (r == nullptr) {
-        zlog_warn("dhcpr_get_if_relay fail!");
-        return -1;
-    }
-    if (r->enable != 1) {
-        zlog_warn("This interface relay is not enabled!");
-        return -1;
-    }
-    if (apply_option82(packet, len, *r, vlan, port) != 0) {
-        return -3;
-    }
-    // The datagram is exactly as long as the payload that came: an option 82
-    // that runs past it is cut off on the wire. Kept so.
-    dhcpr_pass_to_server(packet, len, gateway, dhcpr_request_socket(), r->ifp, &r->server);
-    return 0;
-}
+namespace {
 
-int dhcpr_pass_to_server(dhcp_packet &packet, int len, std::uint32_t gateway_nip, int sock,
-                         interface *client_ifp, const sockunion *server) {
+// Pass to server, to its outcome.
+dhcpr_outcome pass_to_server(dhcp_packet &packet, int len, std::uint32_t gateway_nip, int sock,
+                             interface *client_ifp, const sockunion *server) {
     if (server == nullptr || len < 0 || static_cast<std::size_t>(len) > sizeof packet) {
-        return -1;
+        return dhcpr_outcome::no_relay_record;
     }
     if (!is_relayed_to_server(dhcpr_message_type(packet))) {
-        return -1;
+        return dhcpr_outcome::wrong_request_type;
     }
     if (dhcpr_item_add(packet.xid, client_ifp, gateway_nip, packet.flags) == nullptr) {
-        return -1;
+        return dhcpr_outcome::no_client_interface;
     }
     // The item keeps the flags as the client sent them.
     if ((packet.flags & htons(DHCP_BROADCAST_FLAG)) != 0) {
@@ -936,32 +913,111 @@ int dhcpr_pass_to_server(dhcp_packet &packet, int len, std::uint32_t gateway_nip
     const ssize_t sent = server_sender(sock, {bytes, static_cast<std::size_t>(len)}, server->sin);
     if (sent != len) {
         zlog_err("sendto");
+        return dhcpr_outcome::send_failed;
     }
-    return 0;
+    return dhcpr_outcome::forwarded;
 }
 
-int dhcpr_relay_reply(dhcp_packet &packet, int len, std::uint32_t port) {
-    if (dhcpsnoop_enable_get() != 0) {
+// The request path, to its outcome.
+dhcpr_outcome relay_request(dhcp_packet &packet, int len, std::uint32_t port, std::uint16_t vlan) {
+    if (packet.hops > DHCPR_MAX_HOPS) {
+        zlog_err("hops is %d, more than maximum hops %d", packet.hops, DHCPR_MAX_HOPS);
+        return dhcpr_outcome::hops_exceeded;
+    }
+    ++packet.hops;
+    std::uint32_t gateway = 0;
+    if (dhcp_get_l3if_address(vlan, &gateway) != 0) {
+        return dhcpr_outcome::no_relay_address;
+    }
+    if (packet.gateway_nip == 0) {
+        packet.gateway_nip = gateway;
+        zlog_info("gateway_nip change to %s\n", ntoa(gateway).buf);
+    }
+    // Chosen by the ingress VLAN's address, not by giaddr.
+    const dhcpr_if *r = dhcpr_get_if_relay(gateway);
+    if (r == nullptr) {
+        zlog_warn("dhcpr_get_if_relay fail!");
+        return dhcpr_outcome::no_relay_record;
+    }
+    if (r->enable != 1) {
+        zlog_warn("This interface relay is not enabled!");
+        return dhcpr_outcome::relay_not_enabled;
+    }
+    if (apply_option82(packet, len, *r, vlan, port) != 0) {
+        return dhcpr_outcome::option82_present;
+    }
+    // The datagram is exactly as long as the payload that came: an option 82
+    // that runs past it is cut off on the wire. Kept so.
+    return pass_to_server(packet, len, gateway, dhcpr_request_socket(), r->ifp, &r->server);
+}
+
+int request_result(dhcpr_outcome o) {
+    switch (o) {
+        case dhcpr_outcome::hops_exceeded:
+        case dhcpr_outcome::no_relay_record:
+        case dhcpr_outcome::relay_not_enabled:
+            return -1;
+        case dhcpr_outcome::no_relay_address:
+            return -7;
+        case dhcpr_outcome::option82_present:
+            return -3;
+        default:
+            return 0;
+    }
+}
+
+// The reply path after the trust check, to its outcome; *vlan becomes the
+// VLAN of the transaction's client interface when there is one.
+dhcpr_outcome pass_to_client(dhcp_packet &packet, int len, int type, std::uint16_t *vlan) {
+    const dhcpr_item *item = dhcpr_item_find(packet.xid);
+    if (item == nullptr) {
+        return dhcpr_outcome::no_transaction;
+    }
+    const dhcpr_item copy = *item;
+    const bool alive = copy.client_ifp != nullptr && interface_alive(copy.client_ifp);
+    if (alive) {
+        *vlan = if_get_vid(copy.client_ifp);
+    }
+    const dhcpr_outcome outcome = deliver_reply(packet, len, copy, type, alive);
+    dhcpr_item_delete(copy.xid);
+    return outcome;
+}
+
+}  // namespace
+
+int dhcpr_relay_request(dhcp_packet &packet, int len, std::uint32_t port, std::uint16_t vlan) {
+    const int type = dhcpr_message_type(packet);
+    const dhcpr_outcome outcome = relay_request(packet, len, port, vlan);
+    dhcpr_stats_count(vlan, false, type, outcome);
+    return request_result(outcome);
+}
+
+int dhcpr_pass_to_server(dhcp_packet &packet, int len, std::uint32_t gateway_nip, int sock,
+                         interface *client_ifp, const sockunion *server) {
+    const dhcpr_outcome o = pass_to_server(packet, len, gateway_nip, sock, client_ifp, server);
+    return (o == dhcpr_outcome::forwarded || o == dhcpr_outcome::send_failed) ? 0 : -1;
+}
+
+int dhcpr_relay_reply(dhcp_packet &packet, int len, std::uint32_t port, std::uint16_t vlan) {
+    const int type = dhcpr_message_type(packet);
+    dhcpr_outcome outcome = dhcpr_outcome::untrusted_port;
+    const bool untrusted = dhcpsnoop_enable_get() != 0 && [&] {
         const std::uint32_t index = port_index(port);
         const uif *ingress = index != 0 ? uif_lookup_by_index(index) : nullptr;
-        if (dhcpsnoop_if_untrust_get(ingress) == 1) {
-            return 0;
-        }
+        return dhcpsnoop_if_untrust_get(ingress) == 1;
+    }();
+    if (!untrusted) {
+        outcome = pass_to_client(packet, len, type, &vlan);
     }
-    dhcpr_pass_to_client(packet, len);
+    dhcpr_stats_count(vlan, true, type, outcome);
     return 0;
 }
 
 // The source address is the server identifier, never the relay's own; a
 // reply whose ciaddr is 0 goes to 0.0.0.0 at the client's MAC. Kept so.
 void dhcpr_pass_to_client(dhcp_packet &packet, int len) {
-    const dhcpr_item *item = dhcpr_item_find(packet.xid);
-    if (item == nullptr) {
-        return;
-    }
-    const dhcpr_item copy = *item;
-    deliver_reply(packet, len, copy);
-    dhcpr_item_delete(copy.xid);
+    std::uint16_t vlan = 0;
+    pass_to_client(packet, len, dhcpr_message_type(packet), &vlan);
 }
 
 void dhcpr_option82_add(dhcp_packet *packet, interface *ifp, std::uint16_t vlan,
@@ -1003,27 +1059,32 @@ void dhcpr_option82_remove(dhcp_packet *packet, int len) {
 int dhcpr_netlink_msg(std::uint32_t type, std::uint8_t *msg, std::uint32_t frame_len) {
     if (type != HAL_MSG_TRAPPED_FRAME) {
         zlog_err("%s: invalid msg type %d", "dhcpr_netlink_msg", static_cast<int>(type));
+        dhcpr_stats_refused(dhcpr_refusal::wrong_type);
         return -4;
     }
     if (msg == nullptr) {
+        dhcpr_stats_refused(dhcpr_refusal::bad_length);
         return -1;
     }
     hal_trap_hdr hdr;
     std::memcpy(&hdr, msg, sizeof hdr);
     udp_view u{};
-    if (decode_frame(msg + TRAP_HDR_LEN + hdr.gap, frame_len, u) != 0) {
+    dhcpr_refusal why = dhcpr_refusal::count;
+    if (decode_frame(msg + TRAP_HDR_LEN + hdr.gap, frame_len, u, &why) != 0) {
+        dhcpr_stats_refused(why);
         return -1;
     }
     // Shorter than the fixed header or longer than the record: dropped.
     if (u.len < static_cast<long>(DHCP_FIXED_SIZE) ||
         u.len > static_cast<long>(sizeof(dhcp_packet))) {
+        dhcpr_stats_refused(dhcpr_refusal::bad_length);
         return bad_payload(u.len);
     }
     dhcp_packet packet{};
     std::memcpy(&packet, u.payload, static_cast<std::size_t>(u.len));
     const int len = static_cast<int>(u.len);
     if (is_server_reply(u, packet)) {
-        dhcpr_relay_reply(packet, len, hdr.port);
+        dhcpr_relay_reply(packet, len, hdr.port, hdr.vlan);
         return 0;
     }
     return dhcpr_relay_request(packet, len, hdr.port, hdr.vlan);

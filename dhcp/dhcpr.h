@@ -202,7 +202,9 @@ int dhcpr_message_type(const dhcp_packet &packet);
 // forwarded, -1, -3 or -7 when dropped.
 int dhcpr_relay_request(dhcp_packet &packet, int len, std::uint32_t port, std::uint16_t vlan);
 // Reply path (destination port 68): snooping trust, then the client.
-int dhcpr_relay_reply(dhcp_packet &packet, int len, std::uint32_t port);
+// `vlan`: the VLAN the reply came in on (where it is counted when it has no
+// transaction).
+int dhcpr_relay_reply(dhcp_packet &packet, int len, std::uint32_t port, std::uint16_t vlan = 0);
 // Records the transaction and sends the request to `server`. 0, or -1 when
 // nothing was sent.
 int dhcpr_pass_to_server(dhcp_packet &packet, int len, std::uint32_t gateway_nip, int sock,

@@ -15,6 +15,7 @@
 #include "dhcp/dhcp_socket.h"
 #include "dhcp/dhcps_leases.h"
 #include "dhcp/dhcps_pool.h"
+#include "dhcp/dhcps_stats.h"
 #include "lib/log.h"
 #include "lib/thread.h"
 #include "lib/if.h"
@@ -263,15 +264,15 @@ void find_client_lease(client_lease &cl, const dhcps_pool *pool, const dhcp_pack
     }
 }
 
-void handle_request(interface *ifp, dhcps_pool *pool, const dhcp_packet &req,
-                    const request_view &view, const client_lease &cl, std::uint32_t mask) {
+dhcps_outcome handle_request(interface *ifp, dhcps_pool *pool, const dhcp_packet &req,
+                             const request_view &view, const client_lease &cl, std::uint32_t mask) {
     if (packet_debug()) {
         zlog_debug("Received REQUEST");
     }
     // Option 50 counts by being there: one that asks for 0.0.0.0 still asks.
     if (!view.requested && req.ciaddr == 0) {
         zlog_debug("no requested IP and no ciaddr, ignoring");
-        return;
+        return dhcps_outcome::no_requested_address;
     }
     const std::uint32_t requested = view.requested.value_or(req.ciaddr);
     if (cl.lease != nullptr && dhcps_lease_nip(cl.lease) == requested) {
@@ -279,61 +280,92 @@ void handle_request(interface *ifp, dhcps_pool *pool, const dhcp_packet &req,
         if (req.hops == 0 && ((htonl(pool->begin_ip) ^ requested) & mask) != 0) {
             dhcps_clear_leases(req.chaddr, req.yiaddr);
             dhcps_send_nak(ifp, pool, &req);
-        } else {
-            dhcps_send_ack(ifp, pool, &req, dhcps_lease_nip(cl.lease));
+            return dhcps_outcome::nak_sent;
         }
-        return;
+        dhcps_send_ack(ifp, pool, &req, dhcps_lease_nip(cl.lease));
+        return dhcps_outcome::ack_sent;
     }
     if (view.server_id || view.requested) {
         dhcps_send_nak(ifp, pool, &req);
+        return dhcps_outcome::nak_sent;
     }
+    return dhcps_outcome::unknown_client;
 }
 
-void handle_decline(const dhcps_pool *pool, const request_view &view, const client_lease &cl) {
+dhcps_outcome handle_decline(const dhcps_pool *pool, const request_view &view,
+                             const client_lease &cl) {
     if (packet_debug()) {
         zlog_debug("Received DECLINE");
     }
     if (!view.server_id || !view.requested || cl.lease == nullptr ||
         dhcps_lease_nip(cl.lease) != *view.requested || cl.is_transient) {
-        return;
+        return dhcps_outcome::decline_ignored;
     }
     auto *lease = const_cast<dhcps_lease *>(cl.lease);
     static constexpr std::uint8_t zero_mac[6] = {};
     dhcps_lease_set_mac(lease, zero_mac);
     dhcps_lease_set_expires(lease, kq_time_get() + static_cast<std::int32_t>(pool->decline_time));
     dhcps_lease_set_state(lease, 0);
+    return dhcps_outcome::declined;
 }
 
-void handle_release(const dhcp_packet &req, const request_view &view, const client_lease &cl) {
+dhcps_outcome handle_release(const dhcp_packet &req, const request_view &view,
+                             const client_lease &cl) {
     if (packet_debug()) {
         zlog_debug("Received RELEASE");
     }
     if (!view.server_id || cl.lease == nullptr || dhcps_lease_nip(cl.lease) != req.ciaddr ||
         cl.is_transient) {
-        return;
+        return dhcps_outcome::release_ignored;
     }
     dhcps_lease_set_expires(const_cast<dhcps_lease *>(cl.lease), kq_time_get());
+    return dhcps_outcome::released;
+}
+
+// Why no pool took a request: an enabled pool of the network that would
+// have taken it without its circuit id refused the id. Asked only on the way
+// to a drop, and silently (the lookup has logged what it saw).
+dhcps_outcome no_pool_reason(std::uint32_t key, const dhcp_option82 &circuit) {
+    if (circuit.present == 0) {
+        return dhcps_outcome::no_pool;
+    }
+    for (const auto &p : dhcps_pool_list()) {
+        const option_set *mask = dhcp_find_option(p->options, DHCP_SUBNET_MASK);
+        if (mask == nullptr || !p->prefix || p->enable == 0) {
+            continue;
+        }
+        // As the lookup reads it: a mask option too short to hold one is 0.
+        const std::uint32_t m = mask->length() >= 4 ? load_u32(mask->value().data()) : 0;
+        if (((p->prefix->prefix.s_addr ^ key) & m) == 0) {
+            return dhcps_outcome::circuit_id_not_allowed;
+        }
+    }
+    return dhcps_outcome::no_pool;
 }
 
 // Header checks and pool choice (with option 82 when it is handled).
-// Returns the pool, or nullptr after logging why the request is dropped.
+// Returns the pool, or nullptr after logging why the request is dropped
+// (the reason in *why).
 dhcps_pool *choose_pool(const dhcp_packet &req, std::uint32_t l3_if_addr, interface **ifp_out,
-                        std::uint32_t *mask_out) {
+                        std::uint32_t *mask_out, dhcps_outcome *why) {
     if (req.hlen != 6) {
         if (packet_debug()) {
             zlog_debug("MAC length != 6, ignoring packet");
         }
+        *why = dhcps_outcome::bad_hlen;
         return nullptr;
     }
     if (req.op != BOOTREQUEST) {
         if (packet_debug()) {
             zlog_debug("not a BOOTREQUEST, ignoring packet");
         }
+        *why = dhcps_outcome::not_request;
         return nullptr;
     }
     interface *ifp = if_lookup_address(in_addr{l3_if_addr});
     if (ifp == nullptr) {
         zlog_debug("if_lookup_address of l3_if_addr fail!");
+        *why = dhcps_outcome::no_interface;
         return nullptr;
     }
     dhcp_option82 circuit{};
@@ -342,11 +374,13 @@ dhcps_pool *choose_pool(const dhcp_packet &req, std::uint32_t l3_if_addr, interf
         dhcps_global.information != 0 ? dhcp_get_option(&req, DHCP_RELAY_AGENT_INFO) : nullptr;
     if (o82 != nullptr && dhcps_parse_option82(o82, o82[-1], &circuit) != 0) {
         zlog_debug("Option-82 is invalid!");
+        *why = dhcps_outcome::option82_invalid;
         return nullptr;
     }
     std::uint32_t key = req.gateway_nip != 0 ? req.gateway_nip : l3_if_addr;
     dhcps_pool *pool = dhcps_lookup_by_network(key, &circuit);
     if (pool == nullptr) {
+        *why = no_pool_reason(key, circuit);
         return nullptr;
     }
     char buf[INET_ADDRSTRLEN];
@@ -355,6 +389,7 @@ dhcps_pool *choose_pool(const dhcp_packet &req, std::uint32_t l3_if_addr, interf
     const option_set *mask = dhcp_find_option(pool->options, DHCP_SUBNET_MASK);
     if (mask == nullptr || mask->length() < 4) {
         zlog_debug("dhcp_find_option DHCP_SUBNET_MASK fail!");
+        *why = dhcps_outcome::no_subnet_mask;
         return nullptr;
     }
     *ifp_out = ifp;
@@ -363,19 +398,83 @@ dhcps_pool *choose_pool(const dhcp_packet &req, std::uint32_t l3_if_addr, interf
 }
 
 // A request for another server, or one without a known message type, is
-// dropped after logging why.
-bool accepted(const request_view &view, std::uint32_t server_id) {
+// dropped after logging why: the reason, or none when it is taken.
+std::optional<dhcps_outcome> refused(const request_view &view, std::uint32_t server_id) {
     if (view.server_id && server_id != 0 && *view.server_id != server_id) {
         zlog_debug("server ID doesn't match, ignoring");
-        return false;
+        return dhcps_outcome::server_id_mismatch;
     }
     if (view.type == 0 || view.type > 8) {
         if (packet_debug()) {
             zlog_debug("no or bad message type option, ignoring packet");
         }
-        return false;
+        return dhcps_outcome::bad_message_type;
     }
-    return true;
+    return std::nullopt;
+}
+
+// What dhcps_handle_request returns for an outcome: -1 for the drops made
+// before the message type is acted on, 0 for everything else.
+int result_of(dhcps_outcome o) {
+    switch (o) {
+        case dhcps_outcome::bad_hlen:
+        case dhcps_outcome::not_request:
+        case dhcps_outcome::no_interface:
+        case dhcps_outcome::option82_invalid:
+        case dhcps_outcome::circuit_id_not_allowed:
+        case dhcps_outcome::no_pool:
+        case dhcps_outcome::no_subnet_mask:
+        case dhcps_outcome::server_id_mismatch:
+        case dhcps_outcome::bad_message_type:
+        case dhcps_outcome::wrong_message_type:
+            return -1;
+        default:
+            return 0;
+    }
+}
+
+// One request to its outcome.
+dhcps_outcome handle(dhcp_packet &req, int len, std::uint32_t l3_if_addr,
+                     const request_view &view) {
+    interface *ifp = nullptr;
+    std::uint32_t mask = 0;
+    dhcps_outcome why = dhcps_outcome::no_pool;
+    dhcps_pool *pool = choose_pool(req, l3_if_addr, &ifp, &mask, &why);
+    if (pool == nullptr) {
+        return why;
+    }
+    const std::uint32_t server_id = dhcps_acquire_server_id(ifp, pool);
+    if (const auto drop = refused(view, server_id)) {
+        return *drop;
+    }
+    zlog_debug("%s", message_name(view.type));
+    pool->last_request_len = static_cast<std::uint32_t>(len) + 28;
+
+    client_lease cl;
+    std::uint32_t static_ip = binding_for(pool, req, if_get_vid(ifp));
+    find_client_lease(cl, pool, req, static_ip, mask);
+
+    switch (view.type) {
+        case DHCPDISCOVER:
+            if (packet_debug()) {
+                zlog_debug("Received DISCOVER");
+            }
+            return dhcps_send_offer(ifp, pool, &req, static_ip, cl.lease, view.requested);
+        case DHCPREQUEST:
+            return handle_request(ifp, pool, req, view, cl, mask);
+        case DHCPDECLINE:
+            return handle_decline(pool, view, cl);
+        case DHCPRELEASE:
+            return handle_release(req, view, cl);
+        case DHCPINFORM:
+            if (packet_debug()) {
+                zlog_debug("Received INFORM");
+            }
+            dhcps_send_inform(ifp, pool, &req);
+            return dhcps_outcome::inform_sent;
+        default:  // OFFER, ACK and NAK are the server's own messages
+            return dhcps_outcome::wrong_message_type;
+    }
 }
 
 }  // namespace
@@ -400,50 +499,12 @@ int dhcps_parse_packet(int sock) {
 }
 
 int dhcps_handle_request(dhcp_packet &req, int len, std::uint32_t l3_if_addr) {
-    interface *ifp = nullptr;
-    std::uint32_t mask = 0;
-    dhcps_pool *pool = choose_pool(req, l3_if_addr, &ifp, &mask);
-    if (pool == nullptr) {
-        return -1;
-    }
-    const std::uint32_t server_id = dhcps_acquire_server_id(ifp, pool);
+    // Read first so that every request is counted by its type, also one
+    // dropped before the type matters.
     const request_view view = read_request(req);
-    if (!accepted(view, server_id)) {
-        return -1;
-    }
-    zlog_debug("%s", message_name(view.type));
-    pool->last_request_len = static_cast<std::uint32_t>(len) + 28;
-
-    client_lease cl;
-    std::uint32_t static_ip = binding_for(pool, req, if_get_vid(ifp));
-    find_client_lease(cl, pool, req, static_ip, mask);
-
-    switch (view.type) {
-        case DHCPDISCOVER:
-            if (packet_debug()) {
-                zlog_debug("Received DISCOVER");
-            }
-            dhcps_send_offer(ifp, pool, &req, static_ip, cl.lease, view.requested);
-            break;
-        case DHCPREQUEST:
-            handle_request(ifp, pool, req, view, cl, mask);
-            break;
-        case DHCPDECLINE:
-            handle_decline(pool, view, cl);
-            break;
-        case DHCPRELEASE:
-            handle_release(req, view, cl);
-            break;
-        case DHCPINFORM:
-            if (packet_debug()) {
-                zlog_debug("Received INFORM");
-            }
-            dhcps_send_inform(ifp, pool, &req);
-            break;
-        default:  // OFFER, ACK and NAK are the server's own messages
-            return -1;
-    }
-    return 0;
+    const dhcps_outcome outcome = handle(req, len, l3_if_addr, view);
+    dhcps_stats_count(view.type, outcome);
+    return result_of(outcome);
 }
 
 // ---------------------------------------------------------------------------
@@ -612,12 +673,12 @@ void dhcps_add_option82(dhcp_packet *reply, const dhcp_packet *request) {
     dhcp_add_binary_option(*reply, std::span<const std::uint8_t>(opt, 2u + v[-1]));
 }
 
-void dhcps_send_offer(interface *ifp, dhcps_pool *pool, const dhcp_packet *request,
-                      std::uint32_t static_ip, const dhcps_lease *lease,
-                      std::optional<std::uint32_t> requested) {
+dhcps_outcome dhcps_send_offer(interface *ifp, dhcps_pool *pool, const dhcp_packet *request,
+                               std::uint32_t static_ip, const dhcps_lease *lease,
+                               std::optional<std::uint32_t> requested) {
     dhcp_packet reply{};
     if (null_args(ifp, pool, request)) {
-        return;
+        return dhcps_outcome::no_pool;
     }
     dhcps_init_reply(ifp, pool, &reply, request, DHCPOFFER);
     reply.yiaddr = static_ip;
@@ -629,7 +690,7 @@ void dhcps_send_offer(interface *ifp, dhcps_pool *pool, const dhcp_packet *reque
             dhcps_add_lease(request->chaddr, addr, pool->offer_time, kq_time_get() + offer,
                             h.present ? h.text : nullptr, h.len, 0, 1) == nullptr) {
             zlog_debug("no free IP addresses. OFFER abandoned");
-            return;
+            return addr == 0 ? dhcps_outcome::no_free_address : dhcps_outcome::lease_table_full;
         }
         reply.yiaddr = addr;
     }
@@ -641,6 +702,7 @@ void dhcps_send_offer(interface *ifp, dhcps_pool *pool, const dhcp_packet *reque
         zlog_debug("Sending OFFER of %s", ip_text(reply.yiaddr, buf));
     }
     dhcps_send_packet_to_client(ifp, pool, &reply, 0);
+    return dhcps_outcome::offer_sent;
 }
 
 void dhcps_send_ack(interface *ifp, dhcps_pool *pool, const dhcp_packet *request,

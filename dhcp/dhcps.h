@@ -15,6 +15,8 @@ int dhcps_recv(thread *t);
 #include <cstdint>
 #include <optional>
 
+#include "dhcp/dhcps_stats.h"
+
 struct dhcp_packet;
 struct dhcps_pool;
 struct dhcps_lease;
@@ -35,9 +37,10 @@ std::uint32_t dhcps_get_lease_time(dhcps_pool *pool);
 void dhcps_add_pool_options(dhcps_pool *pool, dhcp_packet *reply);
 void dhcps_add_option82(dhcp_packet *reply, const dhcp_packet *request);
 // `requested`: the address option 50 asks for (read bounded), or none.
-void dhcps_send_offer(interface *ifp, dhcps_pool *pool, const dhcp_packet *request,
-                      std::uint32_t static_ip, const dhcps_lease *lease,
-                      std::optional<std::uint32_t> requested);
+// offer_sent, or why no offer went out (no_free_address, lease_table_full).
+dhcps_outcome dhcps_send_offer(interface *ifp, dhcps_pool *pool, const dhcp_packet *request,
+                               std::uint32_t static_ip, const dhcps_lease *lease,
+                               std::optional<std::uint32_t> requested);
 void dhcps_send_ack(interface *ifp, dhcps_pool *pool, const dhcp_packet *request,
                     std::uint32_t address);
 void dhcps_send_nak(interface *ifp, dhcps_pool *pool, const dhcp_packet *request);

@@ -72,6 +72,8 @@ void jserver_cmd_reset();
 // the callback got); the bytes are copied. 0, or -1 when `fd` is not a
 // connection of this server waiting for its reply.
 int jserver_reply(int fd, const char *data, std::size_t len);
+// Number of connections open now (tests).
+std::size_t jserver_conn_count();
 
 // Dispatches `root` (may be null): *len gets the reply's length, whose bytes
 // are in `response` (at most `size` bytes; an error reply always fits in 64).

@@ -1,5 +1,6 @@
 #include "tools/dhcpsh/cmdline.h"
 
+#include "dhcp/dhcp_json.h"
 #include "lib/command.h"
 #include "lib/vty_proto.h"
 
@@ -28,6 +29,8 @@ Result<Options, std::string> parse_args(std::span<const std::string_view> args) 
     Options opts;
     bool file_seen = false;
     bool boot_seen = false;
+    bool json_seen = false;
+    bool metrics_seen = false;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string_view arg = args[i];
         if (arg == "-h" || arg == "--help") {
@@ -50,8 +53,18 @@ Result<Options, std::string> parse_args(std::span<const std::string_view> args) 
                 return Failure{std::string("option -f needs a file name")};
             }
             file_seen = true;
+        } else if (arg.starts_with("-j")) {
+            if (json_seen) {
+                return Failure{std::string("option -j given twice")};
+            }
+            if (!take_value(args, i, opts.request)) {
+                return Failure{std::string("option -j needs a request")};
+            }
+            json_seen = true;
         } else if (arg == "-b") {
             boot_seen = true;
+        } else if (arg == "--metrics") {
+            metrics_seen = true;
         } else if (arg.size() > 1 && arg.front() == '-') {
             return Failure{"unknown option " + std::string(arg)};
         } else {
@@ -59,9 +72,13 @@ Result<Options, std::string> parse_args(std::span<const std::string_view> args) 
         }
     }
 
-    const int modes = (opts.commands.empty() ? 0 : 1) + (file_seen ? 1 : 0) + (boot_seen ? 1 : 0);
+    const int modes = (opts.commands.empty() ? 0 : 1) + (file_seen ? 1 : 0) +
+                      (boot_seen ? 1 : 0) + (json_seen ? 1 : 0);
     if (modes > 1) {
-        return Failure{std::string("-c, -f and -b cannot be combined")};
+        return Failure{std::string("-c, -f, -b and -j cannot be combined")};
+    }
+    if (metrics_seen && modes > 0) {
+        return Failure{std::string("--metrics cannot be combined with -c, -f, -b or -j")};
     }
     if (!opts.commands.empty()) {
         opts.mode = Mode::commands;
@@ -69,6 +86,10 @@ Result<Options, std::string> parse_args(std::span<const std::string_view> args) 
         opts.mode = Mode::file;
     } else if (boot_seen) {
         opts.mode = Mode::boot;
+    } else if (json_seen) {
+        opts.mode = Mode::json;
+    } else if (metrics_seen) {
+        opts.mode = Mode::metrics;
     }
     return opts;
 }
@@ -82,7 +103,7 @@ Result<Options, std::string> parse_args(int argc, const char *const argv[]) {
 }
 
 std::string_view usage_line() {
-    return "usage: dhcpsh [-c COMMAND]... | -f FILE | -b | -h";
+    return "usage: dhcpsh [-c COMMAND]... | -f FILE | -b | -j REQUEST | -h";
 }
 
 std::string help_text() {
@@ -98,12 +119,20 @@ std::string help_text() {
     text += CONFIG_STARTUP_FILE;
     text +=
         "\n"
+        "  -j REQUEST   send one JSON request of the web interface and print\n"
+        "               the reply exactly as it comes\n"
+        "  --metrics    print the counters in the Prometheus text format\n"
         "  -h, --help   show this help\n"
         "The daemon is reached at ";
     text += VTY_SOCKET_PATH;
     text +=
-        " ($DHCPSH_SOCKET overrides it).\n"
-        "Exit status: 0 success, 1 a command failed, 2 usage or connection trouble.\n";
+        " ($DHCPSH_SOCKET overrides it),\n"
+        "its JSON requests at ";
+    text += DHCP_JSON_PATH;
+    text +=
+        " ($DHCPSH_JSON_SOCKET overrides it).\n"
+        "Exit status: 0 success (-j: a reply, possibly empty, came), 1 a command\n"
+        "failed, 2 usage or connection trouble.\n";
     return text;
 }
 

@@ -15,6 +15,8 @@ enum class Mode {
     commands,     // -c CMD [-c CMD ...]
     file,         // -f FILE
     boot,         // -b
+    json,         // -j REQUEST
+    metrics,      // --metrics
     help,         // -h, --help
 };
 
@@ -22,6 +24,7 @@ struct Options {
     Mode mode = Mode::interactive;
     std::vector<std::string> commands;  // -c, in the order given
     std::string file;                   // -f
+    std::string request{};              // -j
 
     bool operator==(const Options &) const = default;
 };

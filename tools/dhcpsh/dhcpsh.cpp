@@ -177,7 +177,8 @@ int run_main(int argc, char *argv[]) {
         std::cerr << dhcpsh::usage_error(opts.error());
         return dhcpsh::kExitTrouble;
     }
-    const dhcpsh::Settings settings = dhcpsh::settings_from_env(std::getenv("DHCPSH_SOCKET"));
+    const dhcpsh::Settings settings =
+        dhcpsh::settings_from_env(std::getenv("DHCPSH_SOCKET"), std::getenv("DHCPSH_JSON_SOCKET"));
     if (opts->mode == dhcpsh::Mode::interactive && isatty(STDIN_FILENO) != 0 &&
         isatty(STDOUT_FILENO) != 0) {
         return interactive(settings);

@@ -8,6 +8,9 @@
 #include <istream>
 #include <ostream>
 
+#include "tools/dhcpsh/jsonclient.h"
+#include "tools/dhcpsh/metrics.h"
+
 namespace dhcpsh {
 
 namespace {
@@ -34,10 +37,13 @@ std::string_view strip_cr(std::string_view line) {
 
 }  // namespace
 
-Settings settings_from_env(const char *socket_env) {
+Settings settings_from_env(const char *socket_env, const char *json_env) {
     Settings settings;
     if (socket_env != nullptr && *socket_env != '\0') {
         settings.socket_path = socket_env;
+    }
+    if (json_env != nullptr && *json_env != '\0') {
+        settings.json_path = json_env;
     }
     return settings;
 }
@@ -301,6 +307,17 @@ int run_script(Session &session, std::istream &in, std::ostream &out, std::ostre
     return kExitOk;
 }
 
+int run_json(const std::string &path, std::string_view request, std::ostream &out,
+             std::ostream &err) {
+    auto reply = json_request(path, request);
+    if (!reply) {
+        err << "dhcpsh: " << reply.error().message << '\n';
+        return kExitTrouble;
+    }
+    out.write(reply->data(), static_cast<std::streamsize>(reply->size()));
+    return kExitOk;
+}
+
 int run(const Options &opts, const Settings &settings, std::istream &in, std::ostream &out,
         std::ostream &err) {
     switch (opts.mode) {
@@ -336,6 +353,11 @@ int run(const Options &opts, const Settings &settings, std::istream &in, std::os
             }
             return replay_config(*client, *contents, path, out, err);
         }
+
+        case Mode::json:
+            return run_json(settings.json_path, opts.request, out, err);
+        case Mode::metrics:
+            return run_metrics(settings.json_path, out, err);
 
         case Mode::interactive: {
             auto client = connect_or_complain(settings.socket_path, err);

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "dhcp/dhcp_json.h"
 #include "lib/command.h"
 #include "lib/vty_proto.h"
 #include "tools/dhcpsh/cmdline.h"
@@ -26,9 +27,11 @@ constexpr int kExitTrouble = 2;  // usage, an unreadable file, no daemon, a brok
 struct Settings {
     std::string socket_path = VTY_SOCKET_PATH;
     std::string boot_file = CONFIG_STARTUP_FILE;
+    std::string json_path = DHCP_JSON_PATH;
 };
-// `socket_env` is $DHCPSH_SOCKET (null or empty: the default path).
-Settings settings_from_env(const char *socket_env);
+// `socket_env` is $DHCPSH_SOCKET, `json_env` $DHCPSH_JSON_SOCKET (null or
+// empty: the default path).
+Settings settings_from_env(const char *socket_env, const char *json_env = nullptr);
 
 std::string_view trim(std::string_view text);
 // A reply's text as printed: ends with a newline unless it is empty.
@@ -95,6 +98,11 @@ class Session {
 
 // Lines from a pipe: outputs only, no prompts.
 int run_script(Session &session, std::istream &in, std::ostream &out, std::ostream &err);
+
+// -j: sends `request` to the JSON socket at `path` and prints the reply
+// exactly as it came (nothing for an empty one).
+int run_json(const std::string &path, std::string_view request, std::ostream &out,
+             std::ostream &err);
 
 // Every mode but the terminal one; interactive mode reads lines from `in`.
 int run(const Options &opts, const Settings &settings, std::istream &in, std::ostream &out,

@@ -138,7 +138,7 @@ DecodeResult decode_reply(std::string_view bytes, std::size_t max_text) {
 VtyClient::VtyClient(unique_fd fd, std::size_t max_text)
     : fd_(std::move(fd)), max_text_(max_text), chunk_(kChunk) {}
 
-Result<VtyClient, int> VtyClient::connect(const std::string &path) {
+Result<unique_fd, int> connect_unix(const std::string &path) {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;
     if (path.empty()) {
@@ -174,7 +174,15 @@ Result<VtyClient, int> VtyClient::connect(const std::string &path) {
             return Failure{so_error};
         }
     }
-    return VtyClient(std::move(fd));
+    return Result<unique_fd, int>(std::move(fd));
+}
+
+Result<VtyClient, int> VtyClient::connect(const std::string &path) {
+    auto fd = connect_unix(path);
+    if (!fd) {
+        return Failure{fd.error()};
+    }
+    return VtyClient(std::move(fd).value());
 }
 
 Result<Reply, VtyError> VtyClient::broken(VtyError::Kind kind, std::string message) {

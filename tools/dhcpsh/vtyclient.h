@@ -85,6 +85,10 @@ struct VtyError {
     std::string message;
 };
 
+// Connects a stream socket to the UNIX socket at `path` (blocking, as the
+// daemon's listen backlog may be full for a moment); the error is an errno value.
+Result<unique_fd, int> connect_unix(const std::string &path);
+
 class VtyClient {
   public:
     explicit VtyClient(unique_fd fd, std::size_t max_text = kMaxReplyText);
