@@ -6,7 +6,11 @@
 // rate (a token bucket on the monotonic clock) for a given time or count; the
 // replies that come back are matched to their client by transaction id (the
 // low 20 bits are the client's index, the high 12 a per-exchange generation),
-// in a state array allocated once. Two modes:
+// in a state array allocated once. Input and output are batched: replies
+// are read with recvmmsg, up to kRecvBatch a call, and the messages one
+// wake-up produces are queued and handed over with sendmmsg, up to
+// kSendBatch a call, so one core offers well beyond what a server takes.
+// Two modes:
 //   direct  broadcast clients: raw Ethernet/IPv4/UDP frames from each
 //           client's MAC through an AF_PACKET socket on the interface, replies
 //           read from the same socket (UDP port 68);
@@ -22,13 +26,14 @@
 // stdout:
 //   dhcpload: sent_discover=N offers=N requests=N acks=N naks=N completed=N
 //             timeouts=N retransmits=N unmatched=N send_errors=N elapsed_s=X
-//             rate=X/s loss_pct=X avg_ms=X max_ms=X
+//             rate=X/s loss_pct=X avg_ms=X max_ms=X cpu_s=X
 // Every started exchange ends completed (ACK), refused (NAK) or timed out
 // (unanswered after its retries, or still open when the drain time is over),
 // so sent_discover = completed + naks + timeouts. elapsed_s is the sending
 // window, rate the completed exchanges per second of it, loss_pct the share
 // of started exchanges that did not complete, avg_ms and max_ms the time
-// from DISCOVER to ACK. unmatched counts replies that belong to no open
+// from DISCOVER to ACK, cpu_s the generator's own CPU time (user + system,
+// the kernel's work on its frames included). unmatched counts replies that belong to no open
 // exchange or lack what the next step needs; frames that are not IPv4/UDP to
 // the client port are not counted.
 #include <arpa/inet.h>
@@ -39,6 +44,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <time.h>
 
@@ -71,7 +77,12 @@ constexpr std::size_t kBootpMinPayload = 300;  // clients pad their messages so
 constexpr std::size_t kEthHeader = 14;
 constexpr std::uint16_t kEthIp = 0x0800;
 constexpr std::uint16_t kEthVlan = 0x8100;
-constexpr std::size_t kRecvBatch = 256;  // reads per wake-up before pacing again
+constexpr std::size_t kRecvBatch = 64;  // messages a recvmmsg call takes
+constexpr std::size_t kRecvCalls = 4;   // recvmmsg calls a wake-up makes at most
+constexpr std::size_t kSendBatch = 64;  // messages queued before a sendmmsg
+constexpr std::size_t kFrameMax = kEthHeader + sizeof(ip_udp_dhcp_packet);
+constexpr std::size_t kRecvFrameMax = 2048;
+constexpr std::uint64_t kPaceTickNs = 1000000;  // sending wake-ups at most this often
 constexpr int kSocketBuffer = 8 << 20;
 
 struct eth_header {
@@ -222,9 +233,11 @@ class Generator {
 
     std::array<std::uint8_t, 6> mac_of(std::uint32_t index) const;
     std::size_t build(dhcp_packet &msg, std::uint32_t index, std::uint8_t type) const;
-    bool transmit(std::uint32_t index, std::uint8_t type);
-    bool send_frame(const dhcp_packet &msg, std::size_t len, std::uint32_t index);
-    bool send_datagram(const dhcp_packet &msg, std::size_t len);
+    void transmit(std::uint32_t index, std::uint8_t type);
+    void queue_frame(const dhcp_packet &msg, std::size_t len, std::uint32_t index);
+    void queue_datagram(const dhcp_packet &msg, std::size_t len);
+    void flush();
+    void receive_batch(std::size_t got, std::uint64_t now);
 
     void start_exchanges(std::uint64_t now);
     bool start_one(std::uint64_t now);
@@ -252,6 +265,20 @@ class Generator {
     std::uint64_t send_end_ns_ = 0;
     std::uint64_t elapsed_ns_ = 0;
     std::uint64_t next_progress_ns_ = 0;
+
+    // Queued messages, sent by flush(); buffers allocated once.
+    struct TxSlot {
+        std::array<std::uint8_t, kFrameMax> data;
+        std::size_t len;
+    };
+    std::vector<TxSlot> tx_ = std::vector<TxSlot>(kSendBatch);
+    std::size_t tx_count_ = 0;
+    sockaddr_in tx_to_{};
+    // Receive buffers for one recvmmsg call.
+    std::vector<std::array<std::uint8_t, kRecvFrameMax>> rx_ =
+        std::vector<std::array<std::uint8_t, kRecvFrameMax>>(kRecvBatch);
+    std::array<sockaddr_ll, kRecvBatch> rx_from_{};
+    std::array<unsigned, kRecvBatch> rx_len_{};
 };
 
 std::array<std::uint8_t, 6> Generator::mac_of(std::uint32_t index) const {
@@ -311,6 +338,8 @@ bool Generator::open_direct() {
     // Our own frames would come back as outgoing copies; they are skipped
     // by packet type too where the kernel lacks this option.
     setsockopt(packet_fd_.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof one);
+    // Frames go straight to the driver: a generator has no traffic to shape.
+    setsockopt(packet_fd_.get(), SOL_PACKET, PACKET_QDISC_BYPASS, &one, sizeof one);
     grow_buffers(packet_fd_.get());
     return true;
 }
@@ -343,6 +372,9 @@ bool Generator::open_relay() {
         return false;
     }
     grow_buffers(udp_fd_.get());
+    tx_to_.sin_family = AF_INET;
+    tx_to_.sin_port = htons(DHCP_SERVER_PORT);
+    tx_to_.sin_addr.s_addr = cfg_.server;
     return true;
 }
 
@@ -372,8 +404,8 @@ std::size_t Generator::build(dhcp_packet &msg, std::uint32_t index, std::uint8_t
     return std::clamp(used, kBootpMinPayload, DHCP_FIXED_SIZE + DHCP_OPTIONS_BUFSIZE);
 }
 
-bool Generator::send_frame(const dhcp_packet &msg, std::size_t len, std::uint32_t index) {
-    std::array<std::uint8_t, kEthHeader + sizeof(ip_udp_dhcp_packet)> frame{};
+// Builds the client's broadcast frame into the next transmit slot.
+void Generator::queue_frame(const dhcp_packet &msg, std::size_t len, std::uint32_t index) {
     ip_udp_dhcp_packet ipudp{};
     std::memcpy(&ipudp.data, &msg, len);
     const std::size_t udp_len = sizeof(dhcp_udp_header) + len;
@@ -402,34 +434,64 @@ bool Generator::send_frame(const dhcp_packet &msg, std::size_t len, std::uint32_
     const auto mac = mac_of(index);
     std::memcpy(eth.src, mac.data(), mac.size());
     eth.type = htons(kEthIp);
-    std::memcpy(frame.data(), &eth, sizeof eth);
-    std::memcpy(frame.data() + kEthHeader, raw, total);
-    const std::size_t frame_len = kEthHeader + total;
-    return ::send(packet_fd_.get(), frame.data(), frame_len, 0) == static_cast<ssize_t>(frame_len);
+    TxSlot &slot = tx_[tx_count_++];
+    std::memcpy(slot.data.data(), &eth, sizeof eth);
+    std::memcpy(slot.data.data() + kEthHeader, raw, total);
+    slot.len = kEthHeader + total;
 }
 
-bool Generator::send_datagram(const dhcp_packet &msg, std::size_t len) {
-    sockaddr_in to{};
-    to.sin_family = AF_INET;
-    to.sin_port = htons(DHCP_SERVER_PORT);
-    to.sin_addr.s_addr = cfg_.server;
-    return ::sendto(udp_fd_.get(), &msg, len, 0, reinterpret_cast<const sockaddr *>(&to),
-                    sizeof to) == static_cast<ssize_t>(len);
+void Generator::queue_datagram(const dhcp_packet &msg, std::size_t len) {
+    TxSlot &slot = tx_[tx_count_++];
+    std::memcpy(slot.data.data(), &msg, len);
+    slot.len = len;
 }
 
-bool Generator::transmit(std::uint32_t index, std::uint8_t type) {
+// Hands the queued messages to the kernel; those it does not take count as
+// send errors (their exchanges time out).
+void Generator::flush() {
+    std::array<iovec, kSendBatch> iov{};
+    std::array<mmsghdr, kSendBatch> hdr{};
+    for (std::size_t i = 0; i < tx_count_; i++) {
+        iov[i] = {tx_[i].data.data(), tx_[i].len};
+        hdr[i].msg_hdr.msg_iov = &iov[i];
+        hdr[i].msg_hdr.msg_iovlen = 1;
+        if (cfg_.mode == Mode::relay) {
+            hdr[i].msg_hdr.msg_name = &tx_to_;
+            hdr[i].msg_hdr.msg_namelen = sizeof tx_to_;
+        }
+    }
+    const int fd = cfg_.mode == Mode::direct ? packet_fd_.get() : udp_fd_.get();
+    std::size_t done = 0;
+    while (done < tx_count_) {
+        const int n = ::sendmmsg(fd, hdr.data() + done, static_cast<unsigned>(tx_count_ - done), 0);
+        if (n <= 0) {
+            if (n < 0 && errno == EINTR) {
+                continue;
+            }
+            n_.send_errors += tx_count_ - done;
+            break;
+        }
+        done += static_cast<std::size_t>(n);
+    }
+    tx_count_ = 0;
+}
+
+void Generator::transmit(std::uint32_t index, std::uint8_t type) {
     dhcp_packet msg;
     const std::size_t len = build(msg, index, type);
-    const bool ok =
-        cfg_.mode == Mode::direct ? send_frame(msg, len, index) : send_datagram(msg, len);
-    if (!ok) {
-        n_.send_errors++;
+    if (cfg_.mode == Mode::direct) {
+        queue_frame(msg, len, index);
+    } else {
+        queue_datagram(msg, len);
     }
-    return ok;
+    if (tx_count_ == kSendBatch) {
+        flush();
+    }
 }
 
-// Starts one exchange on the next idle client; false when none is idle or
-// the DISCOVER could not be sent.
+// Starts one exchange on the next idle client; false when none is idle. The
+// DISCOVER is queued; one the kernel refuses counts as a send error and its
+// exchange times out.
 bool Generator::start_one(std::uint64_t now) {
     if (idle_ == 0) {
         return false;
@@ -445,9 +507,7 @@ bool Generator::start_one(std::uint64_t now) {
     c.tries = 0;
     c.started_ns = now;
     c.sent_ns = now;
-    if (!transmit(index, DHCPDISCOVER)) {
-        return false;
-    }
+    transmit(index, DHCPDISCOVER);
     c.phase = Phase::selecting;
     idle_--;
     outstanding_++;
@@ -507,9 +567,8 @@ void Generator::on_offer(Client &c, std::uint32_t index, const dhcp_packet &msg,
     c.phase = Phase::requesting;
     c.tries = 0;
     c.sent_ns = now;
-    if (transmit(index, DHCPREQUEST)) {
-        n_.requests++;
-    }
+    transmit(index, DHCPREQUEST);
+    n_.requests++;
 }
 
 void Generator::on_ack(Client &c, const dhcp_packet &msg, std::uint64_t now) {
@@ -556,26 +615,45 @@ void Generator::handle_payload(bytes payload, std::uint64_t now) {
     }
 }
 
-void Generator::receive(std::uint64_t now) {
-    std::array<std::uint8_t, 2048> buf;
-    for (std::size_t i = 0; i < kRecvBatch; i++) {
-        sockaddr_ll from{};
-        socklen_t from_len = sizeof from;
-        const ssize_t got = ::recvfrom(read_fd(), buf.data(), buf.size(), MSG_DONTWAIT,
-                                       reinterpret_cast<sockaddr *>(&from), &from_len);
-        if (got < 0) {
-            return;  // EAGAIN: drained; anything else: try again next wake-up
-        }
-        const bytes data(buf.data(), static_cast<std::size_t>(got));
+void Generator::receive_batch(std::size_t got, std::uint64_t now) {
+    for (std::size_t i = 0; i < got; i++) {
+        const bytes data(rx_[i].data(), std::min<std::size_t>(rx_len_[i], kRecvFrameMax));
         if (cfg_.mode == Mode::relay) {
             handle_payload(data, now);
             continue;
         }
-        if (from.sll_pkttype == PACKET_OUTGOING) {
+        if (rx_from_[i].sll_pkttype == PACKET_OUTGOING) {
             continue;
         }
         if (auto payload = udp_payload_of_frame(data, DHCP_CLIENT_PORT)) {
             handle_payload(*payload, now);
+        }
+    }
+}
+
+// Reads what is waiting, a bounded number of recvmmsg calls, and answers it.
+void Generator::receive(std::uint64_t now) {
+    std::array<iovec, kRecvBatch> iov{};
+    std::array<mmsghdr, kRecvBatch> hdr{};
+    for (std::size_t call = 0; call < kRecvCalls; call++) {
+        for (std::size_t i = 0; i < kRecvBatch; i++) {
+            iov[i] = {rx_[i].data(), kRecvFrameMax};
+            hdr[i] = {};
+            hdr[i].msg_hdr.msg_iov = &iov[i];
+            hdr[i].msg_hdr.msg_iovlen = 1;
+            hdr[i].msg_hdr.msg_name = &rx_from_[i];
+            hdr[i].msg_hdr.msg_namelen = sizeof(sockaddr_ll);
+        }
+        const int got = ::recvmmsg(read_fd(), hdr.data(), kRecvBatch, MSG_DONTWAIT, nullptr);
+        if (got <= 0) {
+            return;  // EAGAIN: drained; anything else: try again next wake-up
+        }
+        for (std::size_t i = 0; i < static_cast<std::size_t>(got); i++) {
+            rx_len_[i] = hdr[i].msg_len;
+        }
+        receive_batch(static_cast<std::size_t>(got), now);
+        if (static_cast<std::size_t>(got) < kRecvBatch) {
+            return;
         }
     }
 }
@@ -616,7 +694,9 @@ void Generator::run() {
         1000000u, std::min<std::uint64_t>(seconds_ns(cfg_.timeout) / 4, 250000000u));
     std::uint64_t next_scan = start_ns_ + scan_every;
     std::uint64_t stop_ns = UINT64_MAX;
-    const std::uint64_t token_ns = static_cast<std::uint64_t>(1e9 / cfg_.rate);
+    // Exchanges start in batches of at least a pacing tick's worth.
+    const std::uint64_t token_ns =
+        std::max(kPaceTickNs, static_cast<std::uint64_t>(1e9 / cfg_.rate));
     for (;;) {
         const std::uint64_t now = now_ns();
         const bool sending = g_stop == 0 && now < send_end_ns_ && n_.sent_discover < cfg_.exchanges;
@@ -627,6 +707,7 @@ void Generator::run() {
             elapsed_ns_ = now - start_ns_;
         }
         if (!sending && (outstanding_ == 0 || now >= stop_ns || g_stop != 0)) {
+            flush();
             n_.timeouts += outstanding_;  // still unanswered at the end
             break;
         }
@@ -635,6 +716,7 @@ void Generator::run() {
             expire(now);
             next_scan = now + scan_every;
         }
+        flush();
         progress(now);
         std::uint64_t until =
             std::min(next_scan, sending ? std::min(now + token_ns, send_end_ns_) : stop_ns);
@@ -664,14 +746,19 @@ void Generator::report() const {
     const double avg_ms = n_.completed == 0 ? 0.0
                                             : static_cast<double>(n_.latency_sum_ns) /
                                                   static_cast<double>(n_.completed) / 1e6;
+    rusage ru{};
+    getrusage(RUSAGE_SELF, &ru);
+    const auto secs = [](const timeval &tv) {
+        return static_cast<double>(tv.tv_sec) + static_cast<double>(tv.tv_usec) / 1e6;
+    };
     std::printf(
         "dhcpload: sent_discover=%llu offers=%llu requests=%llu acks=%llu naks=%llu "
         "completed=%llu timeouts=%llu retransmits=%llu unmatched=%llu send_errors=%llu "
-        "elapsed_s=%.3f rate=%.1f/s loss_pct=%.2f avg_ms=%.3f max_ms=%.3f\n",
+        "elapsed_s=%.3f rate=%.1f/s loss_pct=%.2f avg_ms=%.3f max_ms=%.3f cpu_s=%.3f\n",
         u(n_.sent_discover), u(n_.offers), u(n_.requests), u(n_.acks), u(n_.naks), u(n_.completed),
         u(n_.timeouts), u(n_.retransmits), u(n_.unmatched), u(n_.send_errors), elapsed,
         elapsed > 0 ? static_cast<double>(n_.completed) / elapsed : 0.0, loss, avg_ms,
-        static_cast<double>(n_.latency_max_ns) / 1e6);
+        static_cast<double>(n_.latency_max_ns) / 1e6, secs(ru.ru_utime) + secs(ru.ru_stime));
     std::fflush(stdout);
 }
 

@@ -14,6 +14,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <span>
+#include <utility>
 
 #include "dhcp/dhcp_debug.h"
 #include "dhcp/dhcp_options.h"
@@ -66,6 +68,44 @@ bool raw_socket_intact(int fd, int send_errno) {
     }
     return domain == AF_PACKET && type == SOCK_DGRAM && protocol == 0;
 }
+
+// One frame on the raw send socket: bytes sent, or -1 (logged). A socket
+// someone else closed is replaced once.
+int send_raw_frame(const void *frame, std::size_t total, const sockaddr_ll &dest) {
+    for (int attempt = 0;; attempt++) {
+        const int fd = dhcp_raw_send_socket();
+        if (fd < 0) {
+            zlog_err("socket(%s)", "PACKET");
+            return -1;
+        }
+        const ssize_t sent =
+            ::sendto(fd, frame, total, 0, reinterpret_cast<const sockaddr *>(&dest), sizeof dest);
+        if (sent >= 0) {
+            return static_cast<int>(sent);
+        }
+        const int send_errno = errno;
+        zlog_err("sendto");
+        if (attempt > 0 || raw_socket_intact(fd, send_errno)) {
+            return -1;
+        }
+        // Someone else closed our descriptor, and the number may now be
+        // theirs: forget it without closing and send once more on a new one.
+        (void)raw_send_fd.release();
+    }
+}
+
+// Raw frames held between dhcp_raw_batch_begin() and dhcp_raw_batch_flush().
+struct raw_slot {
+    ip_udp_dhcp_packet frame;
+    std::size_t len;
+    sockaddr_ll dest;
+};
+struct raw_batch_state {
+    bool open = false;
+    std::size_t count = 0;
+    std::array<raw_slot, DHCP_SEND_BATCH> slots;
+};
+raw_batch_state raw_batch;
 
 // The shared port-67 socket and its references by role.
 struct port67_state {
@@ -274,31 +314,13 @@ int dhcp_listen_socket(std::uint32_t address, std::uint16_t port, const char *if
     return fd.release();
 }
 
-int dhcp_recvmsg(int fd, dhcp_packet *packet, int *len, std::uint32_t *local) {
-    if (packet == nullptr || len == nullptr || local == nullptr) {
-        return -1;
-    }
-    *len = 0;
-    *local = 0;
+namespace {
 
-    // One byte beyond the largest datagram for the terminating zero.
-    std::array<std::uint8_t, kRecvBufSize + 1> buf;
-    // Sized for one in_pktinfo on this ABI (24 bytes only on 32-bit hosts).
-    alignas(cmsghdr) std::uint8_t control[CMSG_SPACE(sizeof(in_pktinfo))];
-    iovec iov{buf.data(), kRecvBufSize};
-    msghdr msg{};
-    msg.msg_iov = &iov;
-    msg.msg_iovlen = 1;
-    msg.msg_control = control;
-    msg.msg_controllen = sizeof control;
-
-    const ssize_t n = ::recvmsg(fd, &msg, 0);
-    if (n == -1) {
-        std::perror("recvmsg");
-        return -1;
-    }
-    const auto received = static_cast<std::size_t>(n);
-
+// One received datagram (`received` bytes in `buf`, which holds one byte
+// more for the terminating zero) into the caller's record: the local
+// address from its IP_PKTINFO, the debug lines, the copy.
+void store_datagram(std::span<std::uint8_t> buf, std::size_t received, msghdr &msg,
+                    dhcp_packet *packet, int *len, std::uint32_t *local) {
     for (cmsghdr *cmsg = CMSG_FIRSTHDR(&msg); cmsg != nullptr; cmsg = CMSG_NXTHDR(&msg, cmsg)) {
         if (cmsg->cmsg_level != IPPROTO_IP || cmsg->cmsg_type != IP_PKTINFO ||
             cmsg->cmsg_len < CMSG_LEN(sizeof(in_pktinfo))) {
@@ -316,6 +338,7 @@ int dhcp_recvmsg(int fd, dhcp_packet *packet, int *len, std::uint32_t *local) {
     if ((msg.msg_flags & MSG_TRUNC) != 0 && packet_debug()) {
         zlog_info("datagram truncated\n");
     }
+    received = std::min(received, buf.size() - 1);
     buf[received] = 0;
     if (packet_debug()) {
         zlog_info("pkt_buf len=%d\n", static_cast<int>(received));
@@ -330,7 +353,73 @@ int dhcp_recvmsg(int fd, dhcp_packet *packet, int *len, std::uint32_t *local) {
     std::memset(packet, 0, sizeof *packet);
     std::memcpy(packet, buf.data(), stored);
     *len = static_cast<int>(stored);
+}
+
+// Sized for one in_pktinfo on this ABI (24 bytes only on 32-bit hosts).
+constexpr std::size_t kControlSize = CMSG_SPACE(sizeof(in_pktinfo));
+
+}  // namespace
+
+int dhcp_recvmsg(int fd, dhcp_packet *packet, int *len, std::uint32_t *local) {
+    if (packet == nullptr || len == nullptr || local == nullptr) {
+        return -1;
+    }
+    *len = 0;
+    *local = 0;
+
+    // One byte beyond the largest datagram for the terminating zero.
+    std::array<std::uint8_t, kRecvBufSize + 1> buf;
+    alignas(cmsghdr) std::uint8_t control[kControlSize];
+    iovec iov{buf.data(), kRecvBufSize};
+    msghdr msg{};
+    msg.msg_iov = &iov;
+    msg.msg_iovlen = 1;
+    msg.msg_control = control;
+    msg.msg_controllen = sizeof control;
+
+    const ssize_t n = ::recvmsg(fd, &msg, 0);
+    if (n == -1) {
+        std::perror("recvmsg");
+        return -1;
+    }
+    store_datagram(buf, static_cast<std::size_t>(n), msg, packet, len, local);
     return 0;
+}
+
+int dhcp_recvmmsg(int fd, std::span<dhcp_received> out) {
+    struct slot {
+        std::array<std::uint8_t, kRecvBufSize + 1> buf;
+        alignas(cmsghdr) std::uint8_t control[kControlSize];
+    };
+    static std::array<slot, DHCP_RECV_BATCH> slots;
+    std::array<iovec, DHCP_RECV_BATCH> iov{};
+    std::array<mmsghdr, DHCP_RECV_BATCH> hdr{};
+    const std::size_t want = std::min(out.size(), slots.size());
+    for (std::size_t i = 0; i < want; i++) {
+        iov[i] = {slots[i].buf.data(), kRecvBufSize};
+        hdr[i].msg_hdr.msg_iov = &iov[i];
+        hdr[i].msg_hdr.msg_iovlen = 1;
+        hdr[i].msg_hdr.msg_control = slots[i].control;
+        hdr[i].msg_hdr.msg_controllen = sizeof slots[i].control;
+    }
+    if (want == 0) {
+        return 0;
+    }
+    const int n = ::recvmmsg(fd, hdr.data(), static_cast<unsigned>(want), MSG_DONTWAIT, nullptr);
+    if (n < 0) {
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            return 0;  // taken by another reader of the same readiness
+        }
+        std::perror("recvmsg");
+        return -1;
+    }
+    for (std::size_t i = 0; i < static_cast<std::size_t>(n); i++) {
+        dhcp_received &r = out[i];
+        r.len = 0;
+        r.local = 0;
+        store_datagram(slots[i].buf, hdr[i].msg_len, hdr[i].msg_hdr, &r.packet, &r.len, &r.local);
+    }
+    return n;
 }
 
 int dhcp_send_raw_packet(const dhcp_packet &packet, std::uint32_t src_ip, std::uint16_t src_port,
@@ -385,30 +474,62 @@ int dhcp_send_raw_packet(const dhcp_packet &packet, std::uint32_t src_ip, std::u
     frame.ip.ttl = 64;
     frame.ip.check = inet_cksum({bytes, sizeof(dhcp_ip_header)});
 
-    for (int attempt = 0;; attempt++) {
-        const int fd = dhcp_raw_send_socket();
-        if (fd < 0) {
-            zlog_err("socket(%s)", "PACKET");
-            return -1;
+    if (raw_batch.open) {
+        if (raw_batch.count == raw_batch.slots.size()) {
+            dhcp_raw_batch_flush();
+            raw_batch.open = true;
         }
-        const ssize_t sent =
-            ::sendto(fd, &frame, total, 0, reinterpret_cast<const sockaddr *>(&dest), sizeof dest);
-        if (sent >= 0) {
-            return static_cast<int>(sent);
-        }
-        const int send_errno = errno;
-        zlog_err("sendto");
-        if (attempt > 0 || raw_socket_intact(fd, send_errno)) {
-            return -1;
-        }
-        // Someone else closed our descriptor, and the number may now be
-        // theirs: forget it without closing and send once more on a new one.
-        (void)raw_send_fd.release();
+        raw_slot &slot = raw_batch.slots[raw_batch.count++];
+        std::memcpy(&slot.frame, &frame, total);
+        slot.len = total;
+        slot.dest = dest;
+        return static_cast<int>(total);
     }
+    return send_raw_frame(&frame, total, dest);
+}
+
+void dhcp_raw_batch_begin() {
+    raw_batch.open = true;
+}
+
+int dhcp_raw_batch_flush() {
+    raw_batch.open = false;
+    const std::size_t count = std::exchange(raw_batch.count, 0);
+    std::array<iovec, DHCP_SEND_BATCH> iov{};
+    std::array<mmsghdr, DHCP_SEND_BATCH> hdr{};
+    for (std::size_t i = 0; i < count; i++) {
+        raw_slot &slot = raw_batch.slots[i];
+        iov[i] = {&slot.frame, slot.len};
+        hdr[i].msg_hdr.msg_iov = &iov[i];
+        hdr[i].msg_hdr.msg_iovlen = 1;
+        hdr[i].msg_hdr.msg_name = &slot.dest;
+        hdr[i].msg_hdr.msg_namelen = sizeof slot.dest;
+    }
+    int sent = 0;
+    std::size_t next = 0;
+    while (next < count) {
+        const int fd = dhcp_raw_send_socket();
+        const int n =
+            fd < 0 ? -1 : ::sendmmsg(fd, hdr.data() + next, static_cast<unsigned>(count - next), 0);
+        if (n > 0) {
+            next += static_cast<std::size_t>(n);
+            sent += n;
+            continue;
+        }
+        // The frame at `next` failed: it is sent alone, as without a
+        // batch, which logs the failure and replaces a socket closed under us.
+        const raw_slot &slot = raw_batch.slots[next++];
+        sent += send_raw_frame(&slot.frame, slot.len, slot.dest) >= 0 ? 1 : 0;
+    }
+    return sent;
 }
 
 int dhcp_send_kernel_packet(const dhcp_packet &packet, std::uint32_t src_ip, std::uint16_t src_port,
                             std::uint32_t dst_ip, std::uint16_t dst_port) {
+    if (raw_batch.count > 0) {
+        dhcp_raw_batch_flush();  // the replies go out in the order they were made
+        raw_batch.open = true;
+    }
     dhcp_unique_fd fd(::socket(PF_INET, SOCK_DGRAM | SOCK_CLOEXEC, IPPROTO_UDP));
     if (!fd) {
         zlog_err("socket(%s)", "UDP");
@@ -441,6 +562,10 @@ int dhcp_send_kernel_packet(const dhcp_packet &packet, std::uint32_t src_ip, std
 
 int dhcp_send_udp_packet(int fd, const dhcp_packet &packet, std::uint32_t src_ip,
                          std::uint32_t dst_ip, std::uint16_t dst_port) {
+    if (raw_batch.count > 0) {
+        dhcp_raw_batch_flush();  // the replies go out in the order they were made
+        raw_batch.open = true;
+    }
     sockaddr_in dest{};
     dest.sin_family = AF_INET;
     dest.sin_port = htons(dst_port);

@@ -124,6 +124,19 @@ class dhcp_port67_ref {
 // `local` to the local address it arrived on (network order). 0, or -1.
 int dhcp_recvmsg(int fd, dhcp_packet *packet, int *len, std::uint32_t *local);
 
+// Datagrams one dhcp_recvmmsg() call reads at most.
+inline constexpr std::size_t DHCP_RECV_BATCH = 32;
+// One datagram as dhcp_recvmsg() stores it.
+struct dhcp_received {
+    dhcp_packet packet;
+    int len;
+    std::uint32_t local;
+};
+// Receives the datagrams waiting on `fd`, at most out.size() (and at most
+// DHCP_RECV_BATCH) in one recvmmsg(2) without blocking, each stored as
+// dhcp_recvmsg() stores one. How many (0 when none waits), or -1.
+int dhcp_recvmmsg(int fd, std::span<dhcp_received> out);
+
 // Sends the message as one IPv4/UDP frame out of interface `ifindex` to the
 // 6-byte `dst_mac`. `size` is the IPv4 datagram's size (headers and
 // message); 0 sends the message up to its end marker (269 to 576 bytes for
@@ -133,6 +146,19 @@ int dhcp_recvmsg(int fd, dhcp_packet *packet, int *len, std::uint32_t *local);
 int dhcp_send_raw_packet(const dhcp_packet &packet, std::uint32_t src_ip, std::uint16_t src_port,
                          std::uint32_t dst_ip, std::uint16_t dst_port, const std::uint8_t *dst_mac,
                          int ifindex, std::size_t size = 0);
+
+// Frames dhcp_send_raw_packet() holds at most before sending them.
+inline constexpr std::size_t DHCP_SEND_BATCH = 32;
+// From dhcp_raw_batch_begin() to dhcp_raw_batch_flush(), dhcp_send_raw_packet()
+// keeps its frames (and returns their size) instead of sending each; the
+// flush sends them with sendmmsg(2), in the order they were made, and so
+// does every DHCP_SEND_BATCH-th frame and every send through the kernel's
+// UDP stack (dhcp_send_udp_packet, dhcp_send_kernel_packet) in between,
+// which stays after the frames made before it. A frame the kernel refuses
+// is sent once more alone, as without a batch, and its failure logged as
+// then. The flush returns the frames sent.
+void dhcp_raw_batch_begin();
+int dhcp_raw_batch_flush();
 
 // Sends the message up to its end marker through the kernel's UDP stack.
 // Bytes written, or -1.

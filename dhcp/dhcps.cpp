@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <array>
 #include <cstring>
 #include <optional>
 
@@ -51,11 +52,35 @@ void dhcps_init(thread_master *m) {
     dhcps_load_leases(DHCPS_LEASE_FILE);
 }
 
+namespace {
+
+// One wake-up's worth of requests: what waits on the socket, at most one
+// batch, handled in arrival order with their raw replies sent together at
+// the end; more waiting wakes the loop again once timers and the CLI had
+// their turn.
+void dhcps_recv_batch(int sock) {
+    static std::array<dhcp_received, DHCP_RECV_BATCH> batch;
+    const int n = dhcp_recvmmsg(sock, batch);
+    if (n < 0) {
+        zlog_debug("dhcp_recvmsg fail!");
+        zlog_debug("dhcps_parse_packet fail!");
+        return;
+    }
+    dhcp_raw_batch_begin();
+    for (std::size_t i = 0; i < static_cast<std::size_t>(n); i++) {
+        dhcp_received &r = batch[i];
+        if (dhcps_handle_request(r.packet, r.len, r.local) != 0) {
+            zlog_debug("dhcps_parse_packet fail!");
+        }
+    }
+    dhcp_raw_batch_flush();
+}
+
+}  // namespace
+
 int dhcps_recv(thread *t) {
     int sock = THREAD_FD(t);
-    if (dhcps_parse_packet(sock) != 0) {
-        zlog_debug("dhcps_parse_packet fail!");
-    }
+    dhcps_recv_batch(sock);
     dhcps_global.recv_thread =
         funcname_thread_add_read(server_master, dhcps_recv, nullptr, sock, "dhcps_recv");
     return 0;

@@ -17,11 +17,15 @@
 #include <cstring>
 #include <utility>
 #include <memory>
+#include <optional>
+#include <span>
 #include <vector>
 
 #include "lib/log.h"
+#include "platform/fdb_table.h"
 #include "platform/trap.h"
 #include "platform/uif.h"
+#include "platform/util.h"
 
 namespace {
 
@@ -42,8 +46,36 @@ struct fdb_channel {
     mnl_socket_ptr sock;
     std::uint32_t seq = 0;
     bool get_unsupported = false;  // the kernel knows no single-entry fdb get
+    bool forced_dump = false;      // tests: always the whole-database walk
     std::vector<std::uint8_t> buf;
 };
+
+// The forwarding databases mirrored in memory (platform/fdb_table.h): a
+// socket in the neighbour multicast group, read without blocking before each
+// lookup, so a lookup costs one read that finds nothing new. The table is
+// filled by a dump at the first lookup and again after the kernel dropped
+// events for us (ENOBUFS); until such a dump succeeds it is unsure and the
+// lookups ask the kernel as before.
+constexpr int MIRROR_RCVBUF = 4 << 20;
+constexpr int MIRROR_MAX_READS = 256;            // per lookup; more left: unsure
+constexpr std::uint64_t MIRROR_RETRY_MS = 1000;  // between failed dumps
+
+struct fdb_mirror {
+    mnl_socket_ptr sock;
+    fdb_table table;
+    bool synced = false;  // dumped, and no event lost since
+    bool enabled = true;
+    std::uint64_t last_try_ms = 0;
+    bool tried = false;
+    std::uint32_t seq = 0;
+    std::vector<std::uint8_t> buf;
+    hal_fdb_counts counts;
+};
+
+fdb_mirror &mirror() {
+    static fdb_mirror m;
+    return m;
+}
 
 fdb_channel &chan() {
     static fdb_channel c;
@@ -206,6 +238,7 @@ bool send_request(const nlmsghdr *nlh) {
 
 // The kernel's single-entry lookup (RTM_GETNEIGH without NLM_F_DUMP).
 reply fdb_get(query &q) {
+    mirror().counts.kernel_queries++;
     alignas(nlmsghdr) std::array<std::uint8_t, 128> req{};
     nlmsghdr *nlh = mnl_nlmsg_put_header(req.data());
     nlh->nlmsg_type = RTM_GETNEIGH;
@@ -223,6 +256,7 @@ reply fdb_get(query &q) {
 
 // Older kernels: walk the bridge's whole database.
 reply fdb_dump(query &q) {
+    mirror().counts.kernel_queries++;
     alignas(nlmsghdr) std::array<std::uint8_t, 128> req{};
     nlmsghdr *nlh = mnl_nlmsg_put_header(req.data());
     nlh->nlmsg_type = RTM_GETNEIGH;
@@ -235,6 +269,166 @@ reply fdb_dump(query &q) {
         return reply::failed;
     }
     return collect(q, true);
+}
+
+// ---- the in-memory mirror ----
+
+bool mirror_open() {
+    fdb_mirror &m = mirror();
+    mnl_socket_ptr sock(mnl_socket_open2(NETLINK_ROUTE, SOCK_CLOEXEC));
+    if (!sock || mnl_socket_bind(sock.get(), RTMGRP_NEIGH, MNL_SOCKET_AUTOPID) < 0) {
+        zlog_warn("hal: can't follow the forwarding database: %s", std::strerror(errno));
+        return false;
+    }
+    const int fd = mnl_socket_get_fd(sock.get());
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &MIRROR_RCVBUF, sizeof MIRROR_RCVBUF) < 0) {
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &MIRROR_RCVBUF, sizeof MIRROR_RCVBUF);
+    }
+    timeval tv{};
+    tv.tv_usec = FDB_TIMEOUT_USEC;
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    m.sock = std::move(sock);
+    m.buf.assign(
+        std::max<std::size_t>(static_cast<std::size_t>(MNL_SOCKET_BUFFER_SIZE), FDB_RECV_MIN), 0);
+    m.synced = false;
+    m.table.clear();
+    return true;
+}
+
+void mirror_close() {
+    fdb_mirror &m = mirror();
+    m.sock.reset();
+    m.synced = false;
+    m.table.clear();
+}
+
+// Applies the events waiting; false when the table cannot be trusted now
+// (more waiting than one lookup reads, or the socket failed).
+bool mirror_drain() {
+    fdb_mirror &m = mirror();
+    const int fd = mnl_socket_get_fd(m.sock.get());
+    for (int i = 0; i < MIRROR_MAX_READS; ++i) {
+        const ssize_t n = recv(fd, m.buf.data(), m.buf.size(), MSG_DONTWAIT);
+        if (n >= 0) {
+            m.table.feed({m.buf.data(), static_cast<std::size_t>(n)});
+            continue;
+        }
+        if (errno == EAGAIN || errno == EWOULDBLOCK) {
+            return true;
+        }
+        if (errno == EINTR) {
+            continue;
+        }
+        if (errno == ENOBUFS) {  // events lost: dump again
+            m.synced = false;
+            m.table.clear();
+            continue;
+        }
+        zlog_warn("hal: forwarding-database events failed: %s", std::strerror(errno));
+        mirror_close();
+        return false;
+    }
+    return false;
+}
+
+// The dump's own messages in one datagram: 1 at its end, -1 when it failed,
+// 0 when more follows. The neighbour entries are fed by the caller.
+int dump_progress(std::span<const std::uint8_t> data, std::uint32_t seq, bool &interrupted) {
+    int len = static_cast<int>(std::min<std::size_t>(data.size(), INT_MAX));
+    const auto *nlh = reinterpret_cast<const nlmsghdr *>(data.data());
+    for (; nlmsg_fits(nlh, len); nlh = mnl_nlmsg_next(nlh, &len)) {
+        if (nlh->nlmsg_seq != seq || nlh->nlmsg_pid == 0) {
+            continue;  // an event
+        }
+        if ((nlh->nlmsg_flags & NLM_F_DUMP_INTR) != 0) {
+            interrupted = true;
+        }
+        if (nlh->nlmsg_type == NLMSG_ERROR) {
+            return -1;
+        }
+        if (nlh->nlmsg_type == NLMSG_DONE) {
+            return 1;
+        }
+    }
+    return 0;
+}
+
+// Fills the table from the kernel's whole neighbour dump of every bridge.
+bool mirror_dump() {
+    fdb_mirror &m = mirror();
+    m.counts.dumps++;
+    m.table.clear();
+    alignas(nlmsghdr) std::array<std::uint8_t, 64> req{};
+    nlmsghdr *nlh = mnl_nlmsg_put_header(req.data());
+    nlh->nlmsg_type = RTM_GETNEIGH;
+    nlh->nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+    if (++m.seq == 0) {
+        m.seq = 1;
+    }
+    nlh->nlmsg_seq = m.seq;
+    auto *ndm = static_cast<ndmsg *>(mnl_nlmsg_put_extra_header(nlh, sizeof(ndmsg)));
+    ndm->ndm_family = AF_BRIDGE;
+    if (mnl_socket_sendto(m.sock.get(), nlh, nlh->nlmsg_len) < 0) {
+        zlog_warn("hal: can't dump the forwarding database: %s", std::strerror(errno));
+        mirror_close();
+        return false;
+    }
+    const int fd = mnl_socket_get_fd(m.sock.get());
+    bool interrupted = false;
+    for (;;) {
+        const ssize_t n = recv(fd, m.buf.data(), m.buf.size(), 0);
+        if (n < 0 && errno == EINTR) {
+            continue;
+        }
+        if (n < 0) {
+            // ENOBUFS included: the dump's answer may be cut; start over.
+            zlog_warn("hal: forwarding-database dump failed: %s", std::strerror(errno));
+            mirror_close();
+            return false;
+        }
+        const std::span<const std::uint8_t> data(m.buf.data(), static_cast<std::size_t>(n));
+        m.table.feed(data);
+        const int done = dump_progress(data, m.seq, interrupted);
+        if (done < 0) {
+            mirror_close();
+            return false;
+        }
+        if (done > 0) {
+            m.synced = !interrupted;
+            return m.synced;
+        }
+    }
+}
+
+// The port ifindex `mac` was learned on in `bridge` (0: not known) from the
+// mirror; nothing when the mirror is unsure and the kernel must be asked.
+std::optional<int> mirror_lookup(int bridge, const std::uint8_t *mac) {
+    fdb_mirror &m = mirror();
+    if (!m.enabled || chan().forced_dump) {
+        return std::nullopt;
+    }
+    if (!m.sock || !m.synced) {
+        const std::uint64_t now = monotonic_ms();
+        if (m.tried && now - m.last_try_ms < MIRROR_RETRY_MS) {
+            return std::nullopt;
+        }
+        m.tried = true;
+        m.last_try_ms = now;
+        if (!m.sock && !mirror_open()) {
+            return std::nullopt;
+        }
+    }
+    if (!mirror_drain()) {
+        return std::nullopt;
+    }
+    if (!m.synced && !mirror_dump()) {
+        return std::nullopt;
+    }
+    if (m.table.overflowed()) {
+        return std::nullopt;
+    }
+    m.counts.table_answers++;
+    return m.table.find(bridge, std::span<const std::uint8_t, 6>(mac, 6));
 }
 
 }  // namespace
@@ -264,6 +458,20 @@ int hal_dhcp_enabled() {
 
 void hal_fdb_force_dump(int on) {
     chan().get_unsupported = on != 0;
+    chan().forced_dump = on != 0;
+}
+
+void hal_fdb_use_table(int on) {
+    fdb_mirror &m = mirror();
+    m.enabled = on != 0;
+    if (!m.enabled) {
+        mirror_close();
+        m.tried = false;
+    }
+}
+
+hal_fdb_counts hal_fdb_stats() {
+    return mirror().counts;
 }
 
 namespace {
@@ -288,6 +496,15 @@ int hal_mac_get_port(std::uint16_t vid, const std::uint8_t *mac, std::uint32_t *
     std::snprintf(name, sizeof name, "vlanif%u", static_cast<unsigned>(vid));
     unsigned bridge = if_nametoindex(name);
     if (bridge == 0 || bridge > static_cast<unsigned>(INT_MAX)) {
+        return 0;
+    }
+    if (const auto learned = mirror_lookup(static_cast<int>(bridge), mac)) {
+        if (*learned == 0 || *learned == static_cast<int>(bridge)) {
+            return 0;  // unknown, or the bridge's own address
+        }
+        if (const uif *p = uif_lookup_by_kernel_ifindex(*learned)) {
+            *port = p->index;
+        }
         return 0;
     }
     if (!fdb_open()) {

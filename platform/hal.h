@@ -35,10 +35,17 @@ int hal_dhcp_enabled();
 // vlanif<vid>: 0 with *port set, *port = 0 when the MAC is not known there,
 // was learned on no switch port, or the VLAN does not exist; -1 (and
 // *port = 0) for missing arguments or when the kernel cannot be asked.
-// One netlink round trip on a socket kept open between calls.
+//
+// Answered from an in-memory copy of the bridges' databases kept from the
+// kernel's neighbour events (read, without blocking, at each call; a dump of
+// every bridge at the first call and whenever events were lost). While that
+// copy is unsure (not dumped yet, or its dump failed: retried at most once a
+// second) the kernel is asked: one netlink round trip on a socket kept open
+// between calls.
 int hal_mac_get_port(std::uint16_t vid, const std::uint8_t *mac, std::uint32_t *port);
 // Tests: 1 makes hal_mac_get_port walk the bridge's whole database, as it
-// does on kernels without the single-entry lookup; 0 goes back to normal.
+// does on kernels without the single-entry lookup, bypassing the in-memory
+// copy; 0 goes back to normal.
 void hal_fdb_force_dump(int on);
 // Tests and fuzzers: answers hal_mac_get_port's questions in place of the
 // kernel (the arguments are checked first, as ever); an empty function goes
@@ -46,3 +53,13 @@ void hal_fdb_force_dump(int on);
 using hal_mac_port_lookup =
     std::function<int(std::uint16_t vid, const std::uint8_t *mac, std::uint32_t *port)>;
 void hal_set_mac_port_lookup(hal_mac_port_lookup lookup);
+// Tests: 0 drops the in-memory copy and has every call ask the kernel; 1
+// (the default) goes back to the copy, dumped again at the next call.
+void hal_fdb_use_table(int on);
+// How hal_mac_get_port's answers were found, since the start.
+struct hal_fdb_counts {
+    std::uint64_t table_answers = 0;   // from the in-memory copy
+    std::uint64_t kernel_queries = 0;  // netlink round trips (single entry or walk)
+    std::uint64_t dumps = 0;           // dumps of every bridge into the copy
+};
+hal_fdb_counts hal_fdb_stats();

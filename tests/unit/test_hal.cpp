@@ -15,6 +15,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+#include <thread>
 #include <cstdlib>
 #include <cstring>
 #include <optional>
@@ -22,6 +25,7 @@
 #include <vector>
 
 #include "lib/unique_fd.h"
+#include "platform/fdb_table.h"
 #include "platform/hal.h"
 #include "platform/trap.h"
 #include "platform/uif.h"
@@ -35,6 +39,151 @@ TEST(HalMac, MissingArgumentsFail) {
     EXPECT_EQ(hal_mac_get_port(10, nullptr, &port), -1);
     EXPECT_EQ(port, 0u);
     EXPECT_EQ(hal_mac_get_port(10, mac, nullptr), -1);
+}
+
+// ---- the in-memory forwarding database, fed netlink messages ----
+
+using bytes6 = std::array<std::uint8_t, 6>;
+constexpr bytes6 kMacA = {0x02, 0, 0, 0, 0x0b, 0x01};
+constexpr bytes6 kMacB = {0x02, 0, 0, 0, 0x0b, 0x02};
+
+void put_attr(std::vector<std::uint8_t> &m, std::uint16_t type, const void *value,
+              std::uint16_t len) {
+    const std::uint16_t total = static_cast<std::uint16_t>(4 + len);
+    const std::uint8_t hdr[4] = {
+        static_cast<std::uint8_t>(total), static_cast<std::uint8_t>(total >> 8),
+        static_cast<std::uint8_t>(type), static_cast<std::uint8_t>(type >> 8)};
+    m.insert(m.end(), hdr, hdr + 4);
+    const auto *v = static_cast<const std::uint8_t *>(value);
+    m.insert(m.end(), v, v + len);
+    m.resize((m.size() + 3) & ~std::size_t{3}, 0);
+}
+
+struct neigh {
+    std::uint16_t type = RTM_NEWNEIGH;
+    std::uint8_t family = AF_BRIDGE;
+    std::uint8_t flags = 0;
+    int ifindex = 0;
+    bytes6 mac{};
+    std::uint32_t master = 0;  // 0: no NDA_MASTER
+    std::uint16_t vlan = 0;    // 0: no NDA_VLAN
+};
+
+// One netlink message as the kernel sends it.
+std::vector<std::uint8_t> neigh_msg(const neigh &n) {
+    std::vector<std::uint8_t> m(sizeof(nlmsghdr), 0);
+    ndmsg ndm{};
+    ndm.ndm_family = n.family;
+    ndm.ndm_flags = n.flags;
+    ndm.ndm_ifindex = n.ifindex;
+    ndm.ndm_state = NUD_REACHABLE;
+    const auto *p = reinterpret_cast<const std::uint8_t *>(&ndm);
+    m.insert(m.end(), p, p + sizeof ndm);
+    put_attr(m, NDA_LLADDR, n.mac.data(), 6);
+    if (n.master != 0) {
+        put_attr(m, NDA_MASTER, &n.master, 4);
+    }
+    if (n.vlan != 0) {
+        put_attr(m, NDA_VLAN, &n.vlan, 2);
+    }
+    nlmsghdr h{};
+    h.nlmsg_len = static_cast<std::uint32_t>(m.size());
+    h.nlmsg_type = n.type;
+    std::memcpy(m.data(), &h, sizeof h);
+    return m;
+}
+
+std::vector<std::uint8_t> concat(std::initializer_list<std::vector<std::uint8_t>> parts) {
+    std::vector<std::uint8_t> out;
+    for (const auto &p : parts) {
+        out.insert(out.end(), p.begin(), p.end());
+    }
+    return out;
+}
+
+TEST(FdbTable, LearnMoveDelete) {
+    fdb_table t;
+    EXPECT_EQ(t.feed(neigh_msg({.ifindex = 5, .mac = kMacA, .master = 3})), 1u);
+    EXPECT_EQ(t.find(3, kMacA), 5);
+    EXPECT_EQ(t.find(4, kMacA), 0);  // another bridge
+    EXPECT_EQ(t.find(3, kMacB), 0);
+    // The same entry again (a refresh) changes nothing; a new port moves it.
+    EXPECT_EQ(t.feed(neigh_msg({.ifindex = 5, .mac = kMacA, .master = 3})), 0u);
+    EXPECT_EQ(t.feed(neigh_msg({.ifindex = 6, .mac = kMacA, .master = 3})), 1u);
+    EXPECT_EQ(t.find(3, kMacA), 6);
+    EXPECT_EQ(t.feed(neigh_msg({.type = RTM_DELNEIGH, .ifindex = 6, .mac = kMacA, .master = 3})),
+              1u);
+    EXPECT_EQ(t.find(3, kMacA), 0);
+    EXPECT_EQ(t.size(), 0u);
+}
+
+TEST(FdbTable, SeveralMessagesInOneDatagram) {
+    fdb_table t;
+    const auto d = concat({neigh_msg({.ifindex = 5, .mac = kMacA, .master = 3}),
+                           neigh_msg({.ifindex = 7, .mac = kMacB, .master = 3}),
+                           neigh_msg({.ifindex = 8, .mac = kMacA, .master = 9})});
+    EXPECT_EQ(t.feed(d), 3u);
+    EXPECT_EQ(t.find(3, kMacA), 5);
+    EXPECT_EQ(t.find(3, kMacB), 7);
+    EXPECT_EQ(t.find(9, kMacA), 8);
+}
+
+TEST(FdbTable, EntriesThatAreNotTheBridgesOwnAreIgnored) {
+    const neigh kinds[] = {
+        {.ifindex = 5, .mac = kMacA},                                  // no bridge named
+        {.flags = NTF_SELF, .ifindex = 5, .mac = kMacA, .master = 3},  // a port's own list
+        {.ifindex = 5, .mac = kMacA, .master = 3, .vlan = 10},         // a VLAN's entry
+        {.family = AF_INET, .ifindex = 5, .mac = kMacA, .master = 3},  // not a bridge's
+        {.ifindex = 0, .mac = kMacA, .master = 3},                     // no device
+        {.type = RTM_NEWLINK, .ifindex = 5, .mac = kMacA, .master = 3},
+    };
+    for (const auto &k : kinds) {
+        fdb_table t;
+        EXPECT_EQ(t.feed(neigh_msg(k)), 0u);
+        EXPECT_EQ(t.size(), 0u);
+    }
+}
+
+TEST(FdbTable, MalformedMessagesAreIgnored) {
+    const auto good = neigh_msg({.ifindex = 5, .mac = kMacA, .master = 3});
+    std::vector<std::vector<std::uint8_t>> bad;
+    for (std::size_t cut = 0; cut < good.size(); ++cut) {
+        bad.emplace_back(good.begin(), good.begin() + static_cast<std::ptrdiff_t>(cut));
+    }
+    auto longer = good;  // nlmsg_len past the datagram
+    longer[0] = static_cast<std::uint8_t>(good.size() + 4);
+    bad.push_back(longer);
+    auto attr = good;  // the address's attribute length past the message
+    attr[sizeof(nlmsghdr) + sizeof(ndmsg)] = 0xf0;
+    bad.push_back(attr);
+    auto tiny = good;  // nlmsg_len below the header's own size
+    tiny[0] = 8;
+    bad.push_back(tiny);
+    for (const auto &b : bad) {
+        fdb_table t;
+        t.feed(b);
+        EXPECT_EQ(t.find(3, kMacA), 0) << b.size();
+    }
+}
+
+TEST(FdbTable, FullTableRefusesAndSaysSo) {
+    fdb_table t;
+    std::vector<std::uint8_t> d;
+    for (std::size_t i = 0; i <= fdb_table::kMaxEntries; ++i) {
+        bytes6 mac = {0x02,
+                      0x01,
+                      static_cast<std::uint8_t>(i >> 24),
+                      static_cast<std::uint8_t>(i >> 16),
+                      static_cast<std::uint8_t>(i >> 8),
+                      static_cast<std::uint8_t>(i)};
+        const auto m = neigh_msg({.ifindex = 5, .mac = mac, .master = 3});
+        d.insert(d.end(), m.begin(), m.end());
+    }
+    EXPECT_EQ(t.feed(d), fdb_table::kMaxEntries);
+    EXPECT_TRUE(t.overflowed());
+    t.clear();
+    EXPECT_FALSE(t.overflowed());
+    EXPECT_EQ(t.size(), 0u);
 }
 
 int sh(const std::string &cmd) {
@@ -305,6 +454,74 @@ TEST_F(Switch, PortAddedAfterStartIsFound) {
            "bridge fdb add 02:00:00:00:07:07 dev swp7 master static"),
         0);
     EXPECT_EQ(port_of(10, "02:00:00:00:07:07"), UIF_INDEX_BASE | 7);
+}
+
+TEST_F(Switch, SingleEntryQueriesGiveTheSameAnswers) {
+    hal_fdb_use_table(0);
+    const auto before = hal_fdb_stats();
+    check_lookups("02:00:00:00:03:01", "02:00:00:00:03:02");
+    EXPECT_GT(hal_fdb_stats().kernel_queries, before.kernel_queries);
+    EXPECT_EQ(hal_fdb_stats().table_answers, before.table_answers);
+    hal_fdb_use_table(1);
+}
+
+// The kernel's own view of `mac` in vlanif10: the port it is on, or "".
+std::string kernel_port_of(const char *mac) {
+    std::string cmd = std::string("bridge fdb show br vlanif10 | grep -i '^") + mac + " dev '";
+    std::FILE *p = popen(cmd.c_str(), "r");
+    if (p == nullptr) {
+        return "";
+    }
+    char line[256] = {};
+    std::string out = std::fgets(line, sizeof line, p) != nullptr ? line : "";
+    pclose(p);
+    const auto at = out.find(" dev ");
+    return at == std::string::npos ? "" : out.substr(at + 5, out.find(' ', at + 5) - at - 5);
+}
+
+// Sends a frame with source `src` from the host side of a port, then waits
+// (bounded) until the bridge has learned it where it came in.
+void learn_from(const char *host, const char *port, const char *mac, std::uint8_t src_last) {
+    auto fd = packet_socket(host);
+    bytes f = dhcp_request(1);
+    f[11] = src_last;
+    f[10] = 0x0c;
+    for (int i = 0; i < 500 && kernel_port_of(mac) != port; ++i) {
+        send(fd.get(), f.data(), f.size(), 0);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_EQ(kernel_port_of(mac), port);
+}
+
+TEST_F(Switch, TableFollowsLearningMovesAndDeletions) {
+    hal_fdb_use_table(1);
+    port_of(10, "02:00:00:00:0c:00");  // the table is dumped here, at the latest
+    const auto before = hal_fdb_stats();
+    learn_from("h1", "swp1", "02:00:00:00:0c:07", 0x07);
+    EXPECT_EQ(port_of(10, "02:00:00:00:0c:07"), UIF_INDEX_BASE | 1);
+    learn_from("h2", "swp2", "02:00:00:00:0c:07", 0x07);  // the station moved
+    EXPECT_EQ(port_of(10, "02:00:00:00:0c:07"), UIF_INDEX_BASE | 2);
+    ASSERT_EQ(sh("bridge fdb del 02:00:00:00:0c:07 dev swp2 master"), 0);
+    EXPECT_EQ(port_of(10, "02:00:00:00:0c:07"), 0u);
+    // Static entries added and deleted by hand are followed the same way.
+    ASSERT_EQ(sh("bridge fdb add 02:00:00:00:0c:08 dev swp1 master static"), 0);
+    EXPECT_EQ(port_of(10, "02:00:00:00:0c:08"), UIF_INDEX_BASE | 1);
+    ASSERT_EQ(sh("bridge fdb del 02:00:00:00:0c:08 dev swp1 master"), 0);
+    EXPECT_EQ(port_of(10, "02:00:00:00:0c:08"), 0u);
+    const auto after = hal_fdb_stats();
+    EXPECT_EQ(after.kernel_queries, before.kernel_queries);  // no round trip
+    EXPECT_EQ(after.dumps, before.dumps);
+    EXPECT_EQ(after.table_answers, before.table_answers + 5);
+}
+
+TEST_F(Switch, EntriesPresentBeforeTheDumpAreFound) {
+    ASSERT_EQ(sh("bridge fdb add 02:00:00:00:0d:01 dev swp2 master static"), 0);
+    hal_fdb_use_table(0);  // dropped: the next lookup dumps again
+    hal_fdb_use_table(1);
+    const auto before = hal_fdb_stats();
+    EXPECT_EQ(port_of(10, "02:00:00:00:0d:01"), UIF_INDEX_BASE | 2);
+    EXPECT_EQ(hal_fdb_stats().dumps, before.dumps + 1);
+    EXPECT_EQ(hal_fdb_stats().kernel_queries, before.kernel_queries);
 }
 
 }  // namespace
