@@ -23,6 +23,7 @@
 #include "lib/vty.h"
 #include "platform/clock.h"
 #include "platform/uif.h"
+#include "tests/unit/vlan10_sysfs.h"
 
 namespace fs = std::filesystem;
 
@@ -66,36 +67,8 @@ std::uint32_t pool_option_len(const char *pool, std::uint8_t code) {
     return o ? o->length() : 0;
 }
 
-// A fake sysfs: ports swp1..swp3 in vlanif10.
-struct FakePorts {
-    // One tree per process: CTest runs the cases side by side.
-    fs::path root =
-        fs::path(::testing::TempDir()) / ("dhcps-vty-sysfs-" + std::to_string(getpid()));
-    FakePorts() {
-        fs::remove_all(root);
-        netdev("vlanif10", 5);
-        for (int i = 1; i <= 3; ++i) {
-            netdev("swp" + std::to_string(i), 10 + i);
-            fs::create_symlink("../vlanif10", root / ("swp" + std::to_string(i)) / "master");
-        }
-        uif_set_sysfs_root(root.string());
-        uif_init();
-        uvlan_init();
-    }
-    ~FakePorts() {
-        uif_set_sysfs_root("/sys/class/net");
-        fs::remove_all(root);
-    }
-    void netdev(const std::string &name, int idx) {
-        fs::create_directories(root / name);
-        std::ofstream(root / name / "ifindex") << idx << "\n";
-        std::ofstream(root / name / "address") << "02:00:00:00:00:" << idx << "\n";
-    }
-    void remove(const std::string &name) { fs::remove_all(root / name); }
-};
-
 struct Server : ::testing::Test {
-    FakePorts ports;
+    test_sysfs::Vlan10Ports ports{"dhcps-vty-sysfs-"};
     thread_master *master = thread_master_create();
     std::unique_ptr<vty> v = vty_new(VTY_SHELL_SERV);
     std::vector<std::string> log;
