@@ -3,8 +3,9 @@
 // clock, DHCP messages being built (Msg, discover, offer), trapped-frame
 // messages (Trap, frame_of, deliver, request, from_server, reply), a fake
 // sysfs with four switch ports (FakePorts), interface and address helpers
-// (make_if, su_of) and the Relay fixture: vlanif10 relaying to 10.0.20.2
-// over vlanif20, with every log line kept.
+// (make_if, su_of), snooping with an untrusted uplink (untrust_uplink) and
+// the Relay fixture: vlanif10 relaying to 10.0.20.2 over vlanif20, with
+// every log line kept.
 #pragma once
 
 #include <arpa/inet.h>
@@ -32,6 +33,7 @@
 #include "lib/log.h"
 #include "lib/thread.h"
 #include "lib/zclient.h"
+#include "platform/dhcpsnoop.h"
 #include "platform/trap.h"
 #include "platform/uif.h"
 
@@ -252,6 +254,18 @@ inline int reply(const Msg &m) {
 
 inline const Bytes DISCOVER_OPTS = {53, 1, 1, 61, 7, 1, 0, 0x11, 0x22, 0x33, 0x44, 0x55};
 inline const Bytes DISCOVER_END = cat({DISCOVER_OPTS, {255}});
+
+// Snooping on with the uplink untrusted; false, with the uplink trusted
+// again, where this platform build carries no snooping state.
+inline bool untrust_uplink() {
+    dhcpsnoop_enable_set(1);
+    dhcpsnoop_if_untrust_set(UPLINK_PORT_NUM, 1);
+    if (dhcpsnoop_enable_get() != 1) {
+        dhcpsnoop_if_untrust_set(UPLINK_PORT_NUM, 0);
+        return false;
+    }
+    return true;
+}
 
 // ---- the switch ----
 

@@ -34,18 +34,15 @@
 #include "platform/jserver.h"
 #include "platform/uif.h"
 #include "tests/unit/vlan10_sysfs.h"
+#include "tests/unit/dhcps_test_msgs.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::int32_t NOW = 1700000000;
+using dhcps_test::nip;
 
-std::uint32_t nip(const char *a) {
-    in_addr v{};
-    inet_pton(AF_INET, a, &v);
-    return v.s_addr;
-}
+constexpr std::int32_t NOW = 1700000000;
 
 void add_address(const char *ifname, const char *addr) {
     interface *ifp = if_get_by_name(ifname);

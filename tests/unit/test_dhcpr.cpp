@@ -30,7 +30,6 @@
 #include "platform/vemix.h"
 #include "tests/unit/dhcpr_harness.h"
 
-
 namespace {
 
 using namespace dhcpr_harness;
@@ -615,10 +614,7 @@ TEST_F(Relay, ItemOfADeletedInterfaceCountsAsNone) {
 }
 
 TEST_F(Relay, UntrustedPortsRepliesAreDroppedWithSnoopingOn) {
-    dhcpsnoop_enable_set(1);
-    dhcpsnoop_if_untrust_set(UPLINK_PORT_NUM, 1);
-    if (dhcpsnoop_enable_get() != 1) {
-        dhcpsnoop_if_untrust_set(UPLINK_PORT_NUM, 0);
+    if (!untrust_uplink()) {
         GTEST_SKIP() << "this platform build carries no snooping state";
     }
     ASSERT_EQ(request(discover()), 0);
@@ -745,10 +741,7 @@ TEST_F(Relay, WithPort67OtherFramesToPort67StayRequests) {
 
 // Snooping trust applies to replies taken at port 67 as well.
 TEST_F(Relay, WithPort67AnUntrustedPortsReplyIsDropped) {
-    dhcpsnoop_enable_set(1);
-    dhcpsnoop_if_untrust_set(UPLINK_PORT_NUM, 1);
-    if (dhcpsnoop_enable_get() != 1) {
-        dhcpsnoop_if_untrust_set(UPLINK_PORT_NUM, 0);
+    if (!untrust_uplink()) {
         GTEST_SKIP() << "this platform build carries no snooping state";
     }
     ASSERT_EQ(dhcpr_reply_port_set(67), 0);

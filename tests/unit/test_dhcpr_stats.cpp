@@ -33,7 +33,6 @@
 #include "platform/vemix.h"
 #include "tests/unit/dhcpr_harness.h"
 
-
 namespace {
 
 using namespace dhcpr_harness;
@@ -260,10 +259,7 @@ INSTANTIATE_TEST_SUITE_P(Relay, Outcome, ::testing::ValuesIn(cases()),
                          [](const auto &p) { return std::string(p.param.name); });
 
 TEST_F(Relay, UntrustedPortCountsWhereTheReplyCameIn) {
-    dhcpsnoop_enable_set(1);
-    dhcpsnoop_if_untrust_set(UPLINK_PORT_NUM, 1);
-    if (dhcpsnoop_enable_get() != 1) {
-        dhcpsnoop_if_untrust_set(UPLINK_PORT_NUM, 0);
+    if (!untrust_uplink()) {
         GTEST_SKIP() << "this platform build carries no snooping state";
     }
     ASSERT_EQ(request(discover()), 0);

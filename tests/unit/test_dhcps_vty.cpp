@@ -24,18 +24,15 @@
 #include "platform/clock.h"
 #include "platform/uif.h"
 #include "tests/unit/vlan10_sysfs.h"
+#include "tests/unit/dhcps_test_msgs.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::int32_t NOW = 1700000000;
+using dhcps_test::nip;
 
-std::uint32_t nip(const char *a) {
-    in_addr v{};
-    inet_pton(AF_INET, a, &v);
-    return v.s_addr;
-}
+constexpr std::int32_t NOW = 1700000000;
 
 std::string pad(const std::string &s, std::size_t width) {
     return s.size() >= width ? s : s + std::string(width - s.size(), ' ');
