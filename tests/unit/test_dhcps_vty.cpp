@@ -25,6 +25,7 @@
 #include "platform/uif.h"
 #include "tests/unit/vlan10_sysfs.h"
 #include "tests/unit/dhcps_test_msgs.h"
+#include "tests/unit/cli_run.h"
 
 namespace fs = std::filesystem;
 
@@ -109,11 +110,7 @@ struct Server : ::testing::Test {
         dhcps_settings_init();
     }
     std::string run(const std::string &line, int want = CMD_SUCCESS) {
-        int rc = cmd_execute_command(line.c_str(), v.get());
-        EXPECT_EQ(rc, want) << line;
-        std::string out = v->obuf;
-        v->obuf.clear();
-        return out;
+        return cli_run(*v, line, want);
     }
     void run_all(const std::vector<std::string> &lines) {
         for (const std::string &l : lines) {

@@ -25,6 +25,7 @@
 #include "lib/vty.h"
 #include "platform/clock.h"
 #include "tests/unit/dhcps_test_msgs.h"
+#include "tests/unit/cli_run.h"
 
 namespace {
 
@@ -72,11 +73,7 @@ struct StatsCli : ::testing::Test {
         dhcpr_stats_clear();
     }
     std::string run(const std::string &line, int want = CMD_SUCCESS) {
-        const int rc = cmd_execute_command(line.c_str(), v.get());
-        EXPECT_EQ(rc, want) << line;
-        std::string out = v->obuf;
-        v->obuf.clear();
-        return out;
+        return cli_run(*v, line, want);
     }
     void make_pool() {
         v->node = CONFIG_NODE;
