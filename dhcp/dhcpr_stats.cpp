@@ -2,7 +2,6 @@
 #include "dhcp/dhcpr_stats.h"
 
 #include <algorithm>
-#include <cinttypes>
 #include <memory>
 #include <vector>
 
@@ -11,6 +10,7 @@
 #include "lib/command.h"
 #include "lib/if.h"
 #include "lib/vty.h"
+#include "lib/vty_counters.h"
 #include "platform/uif.h"
 
 namespace {
@@ -33,25 +33,21 @@ dhcpr_if_counters &slot(std::uint16_t vlan) {
     return *p;
 }
 
-struct name_pair {
-    std::string_view label;
-    std::string_view name;
-};
 
-constexpr name_pair req_names[DHCPR_REQ_COUNT] = {
+constexpr counter_name req_names[DHCPR_REQ_COUNT] = {
     {"DISCOVER received", "discover"}, {"REQUEST received", "request"},
     {"DECLINE received", "decline"},   {"RELEASE received", "release"},
     {"INFORM received", "inform"},     {"other request received", "other"},
 };
 
-constexpr name_pair rep_names[DHCPR_REP_COUNT] = {
+constexpr counter_name rep_names[DHCPR_REP_COUNT] = {
     {"OFFER received", "offer"},
     {"ACK received", "ack"},
     {"NAK received", "nak"},
     {"other reply received", "other"},
 };
 
-constexpr name_pair drop_names[DHCPR_DROP_COUNT] = {
+constexpr counter_name drop_names[DHCPR_DROP_COUNT] = {
     {"hops exceeded", "hops_exceeded"},
     {"no relay address", "no_relay_address"},
     {"no relay record", "no_relay_record"},
@@ -66,7 +62,7 @@ constexpr name_pair drop_names[DHCPR_DROP_COUNT] = {
     {"no server identifier", "no_server_id"},
 };
 
-constexpr name_pair refusal_names[DHCPR_REFUSAL_COUNT] = {
+constexpr counter_name refusal_names[DHCPR_REFUSAL_COUNT] = {
     {"wrong message type", "wrong_type"},
     {"not UDP", "not_udp"},
     {"wrong port", "wrong_port"},
@@ -78,24 +74,15 @@ constexpr std::string_view delivered_label = "replies delivered";
 
 constexpr int label_width() {
     std::size_t w = std::max(forwarded_label.size(), delivered_label.size());
-    for (const auto &n : req_names) {
-        w = std::max(w, n.label.size());
-    }
-    for (const auto &n : rep_names) {
-        w = std::max(w, n.label.size());
-    }
-    for (const auto &n : drop_names) {
-        w = std::max(w, n.label.size());
-    }
-    for (const auto &n : refusal_names) {
-        w = std::max(w, n.label.size());
-    }
+    w = widest_label(req_names, w);
+    w = widest_label(rep_names, w);
+    w = widest_label(drop_names, w);
+    w = widest_label(refusal_names, w);
     return static_cast<int>(w);
 }
 
 void line(vty *vty, std::string_view label, std::uint64_t value) {
-    vty_out(vty, "  %-*.*s : %" PRIu64 "%s", label_width(), static_cast<int>(label.size()),
-            label.data(), value, VTY_NEWLINE);
+    vty_out_counter(vty, label_width(), label, value);
 }
 
 std::size_t req_index(int type) {
@@ -246,28 +233,28 @@ bool dhcpr_stats_shown(const interface *ifp) {
 }
 
 std::string_view dhcpr_req_label(std::size_t i) {
-    return i < DHCPR_REQ_COUNT ? req_names[i].label : std::string_view{};
+    return counter_label(req_names, i);
 }
 std::string_view dhcpr_req_name(std::size_t i) {
-    return i < DHCPR_REQ_COUNT ? req_names[i].name : std::string_view{};
+    return counter_key(req_names, i);
 }
 std::string_view dhcpr_rep_label(std::size_t i) {
-    return i < DHCPR_REP_COUNT ? rep_names[i].label : std::string_view{};
+    return counter_label(rep_names, i);
 }
 std::string_view dhcpr_rep_name(std::size_t i) {
-    return i < DHCPR_REP_COUNT ? rep_names[i].name : std::string_view{};
+    return counter_key(rep_names, i);
 }
 std::string_view dhcpr_drop_label(std::size_t i) {
-    return i < DHCPR_DROP_COUNT ? drop_names[i].label : std::string_view{};
+    return counter_label(drop_names, i);
 }
 std::string_view dhcpr_drop_name(std::size_t i) {
-    return i < DHCPR_DROP_COUNT ? drop_names[i].name : std::string_view{};
+    return counter_key(drop_names, i);
 }
 std::string_view dhcpr_refusal_label(std::size_t i) {
-    return i < DHCPR_REFUSAL_COUNT ? refusal_names[i].label : std::string_view{};
+    return counter_label(refusal_names, i);
 }
 std::string_view dhcpr_refusal_name(std::size_t i) {
-    return i < DHCPR_REFUSAL_COUNT ? refusal_names[i].name : std::string_view{};
+    return counter_key(refusal_names, i);
 }
 
 int dhcpr_show_statistics(vty *vty, const char *ifname) {

@@ -4,7 +4,6 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
-#include <cinttypes>
 
 #include "dhcp/dhcp_packet.h"
 #include "dhcp/dhcps_leases.h"
@@ -12,29 +11,26 @@
 #include "lib/command.h"
 #include "lib/prefix.h"
 #include "lib/vty.h"
+#include "lib/vty_counters.h"
 
 namespace {
 
 dhcps_counters counters;
 
-struct name_pair {
-    std::string_view label;  // display
-    std::string_view name;   // JSON and metrics
-};
 
-constexpr name_pair rx_names[DHCPS_RX_COUNT] = {
+constexpr counter_name rx_names[DHCPS_RX_COUNT] = {
     {"DISCOVER", "discover"}, {"REQUEST", "request"}, {"DECLINE", "decline"},
     {"RELEASE", "release"},   {"INFORM", "inform"},   {"other", "other"},
 };
 
-constexpr name_pair tx_names[DHCPS_TX_COUNT] = {
+constexpr counter_name tx_names[DHCPS_TX_COUNT] = {
     {"OFFER", "offer"},
     {"ACK", "ack"},
     {"NAK", "nak"},
     {"INFORM reply", "inform_reply"},
 };
 
-constexpr name_pair drop_names[DHCPS_DROP_COUNT] = {
+constexpr counter_name drop_names[DHCPS_DROP_COUNT] = {
     {"hardware length not 6", "bad_hlen"},
     {"not a request", "not_request"},
     {"no interface", "no_interface"},
@@ -60,16 +56,9 @@ constexpr std::string_view pool_labels[] = {
 // One width for every label of the display, so the colons line up in all
 // groups whatever is shown.
 constexpr int label_width() {
-    std::size_t w = 0;
-    for (const auto &n : rx_names) {
-        w = std::max(w, n.label.size());
-    }
-    for (const auto &n : tx_names) {
-        w = std::max(w, n.label.size());
-    }
-    for (const auto &n : drop_names) {
-        w = std::max(w, n.label.size());
-    }
+    std::size_t w = widest_label(rx_names);
+    w = widest_label(tx_names, w);
+    w = widest_label(drop_names, w);
     for (auto l : pool_labels) {
         w = std::max(w, l.size());
     }
@@ -77,8 +66,7 @@ constexpr int label_width() {
 }
 
 void line(vty *vty, std::string_view label, std::uint64_t value) {
-    vty_out(vty, "  %-*.*s : %" PRIu64 "%s", label_width(), static_cast<int>(label.size()),
-            label.data(), value, VTY_NEWLINE);
+    vty_out_counter(vty, label_width(), label, value);
 }
 
 bool in_pool(const dhcps_pool &pool, std::uint32_t nip) {
@@ -189,22 +177,22 @@ dhcps_pool_usage dhcps_pool_usage_of(const dhcps_pool &pool) {
 }
 
 std::string_view dhcps_rx_label(std::size_t i) {
-    return i < DHCPS_RX_COUNT ? rx_names[i].label : std::string_view{};
+    return counter_label(rx_names, i);
 }
 std::string_view dhcps_rx_name(std::size_t i) {
-    return i < DHCPS_RX_COUNT ? rx_names[i].name : std::string_view{};
+    return counter_key(rx_names, i);
 }
 std::string_view dhcps_tx_label(std::size_t i) {
-    return i < DHCPS_TX_COUNT ? tx_names[i].label : std::string_view{};
+    return counter_label(tx_names, i);
 }
 std::string_view dhcps_tx_name(std::size_t i) {
-    return i < DHCPS_TX_COUNT ? tx_names[i].name : std::string_view{};
+    return counter_key(tx_names, i);
 }
 std::string_view dhcps_drop_label(std::size_t i) {
-    return i < DHCPS_DROP_COUNT ? drop_names[i].label : std::string_view{};
+    return counter_label(drop_names, i);
 }
 std::string_view dhcps_drop_name(std::size_t i) {
-    return i < DHCPS_DROP_COUNT ? drop_names[i].name : std::string_view{};
+    return counter_key(drop_names, i);
 }
 
 int dhcps_show_statistics(vty *vty) {

@@ -13,17 +13,12 @@
 #include <span>
 #include <vector>
 
+#include "fuzz/fuzz_common.h"
 #include "dhcp/dhcp_debug.h"
 #include "dhcp/dhcp_options.h"
 #include "lib/log.h"
 
 namespace {
-
-void require(bool ok) {
-    if (!ok) {
-        std::abort();
-    }
-}
 
 // The options area is a well-formed chain up to its end marker, and nothing
 // lies beyond the building area.
@@ -59,9 +54,7 @@ void check_list(const std::unique_ptr<option_set> &list) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     // The log is formatted (so its arguments are exercised) but goes nowhere.
     static const bool quiet = [] {
-        zlog *zl = openzlog("fuzz", 0, 0, LOG_DAEMON);
-        zlog_set_level(zl, ZLOG_DEST_SYSLOG, ZLOG_DISABLED);
-        zlog_set_level(zl, ZLOG_DEST_STDOUT, ZLOG_DISABLED);
+        fuzz_quiet_log();
         return true;
     }();
     (void)quiet;

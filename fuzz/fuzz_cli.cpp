@@ -29,6 +29,7 @@
 #include <string_view>
 #include <vector>
 
+#include "fuzz/fuzz_common.h"
 #include "dhcp/dhcp_debug.h"
 #include "dhcp/dhcpr.h"
 #include "dhcp/dhcpr_vty.h"
@@ -48,15 +49,6 @@
 namespace fs = std::filesystem;
 
 namespace {
-
-// Says which check failed before stopping.
-void require_at(bool ok, int line) {
-    if (!ok) {
-        std::fprintf(stderr, "fuzz_cli.cpp:%d: check failed\n", line);
-        std::abort();
-    }
-}
-#define require(ok) require_at((ok), __LINE__)
 
 thread_master *master = nullptr;
 fs::path dir;
@@ -151,9 +143,7 @@ std::string running_config() {
 }
 
 bool set_up() {
-    zlog *zl = openzlog("fuzz", 0, 0, LOG_DAEMON);
-    zlog_set_level(zl, ZLOG_DEST_SYSLOG, ZLOG_DISABLED);
-    zlog_set_level(zl, ZLOG_DEST_STDOUT, ZLOG_DISABLED);
+    zlog *zl = fuzz_quiet_log();
     zlog_mark_defaults(zl);
     char tmpl[] = "/tmp/fuzz-cli.XXXXXX";
     require(::mkdtemp(tmpl) != nullptr);

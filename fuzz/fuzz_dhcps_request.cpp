@@ -29,6 +29,7 @@
 #include <cstring>
 #include <vector>
 
+#include "fuzz/fuzz_common.h"
 #include "dhcp/dhcp_debug.h"
 #include "dhcp/dhcp_options.h"
 #include "dhcp/dhcp_packet.h"
@@ -46,15 +47,6 @@
 namespace {
 
 constexpr std::int32_t NOW = 1700000000;
-
-// Says which check failed before stopping.
-void require_at(bool ok, int line) {
-    if (!ok) {
-        std::fprintf(stderr, "fuzz_dhcps_request.cpp:%d: check failed\n", line);
-        std::abort();
-    }
-}
-#define require(ok) require_at((ok), __LINE__)
 
 std::uint32_t nip(const char *a) {
     in_addr v{};
@@ -146,15 +138,6 @@ int mac_port(std::uint16_t, const std::uint8_t *mac, std::uint32_t *port) {
     return 0;
 }
 
-interface *make_if(const char *name, int index, const char *addr) {
-    interface *ifp = if_get_by_name(name);
-    ifp->ifindex = index;
-    prefix p{};
-    str2prefix(addr, &p);
-    connected_add(ifp, 0, &p, nullptr);
-    return ifp;
-}
-
 void addr_option(dhcps_pool *p, std::uint8_t code, std::uint32_t a) {
     dhcp_delete_option(p->options, code);
     dhcp_attach_option(p->options, dhcp_option{0x31, code},
@@ -175,9 +158,7 @@ dhcps_pool *make_pool(const char *name, const char *router, const char *net, con
 }
 
 bool set_up() {
-    zlog *zl = openzlog("fuzz", 0, 0, LOG_DAEMON);
-    zlog_set_level(zl, ZLOG_DEST_SYSLOG, ZLOG_DISABLED);
-    zlog_set_level(zl, ZLOG_DEST_STDOUT, ZLOG_DISABLED);
+    fuzz_quiet_log();
     // The address probe sends on the pool's interface: in a network
     // namespace of our own (as root) it finds no such interface and ends at
     // once, without a frame leaving the host; without privileges it cannot
@@ -193,8 +174,8 @@ bool set_up() {
     hal_set_mac_port_lookup(mac_port);
     kq_time_set(NOW);
 
-    make_if("vlanif10", 5, "192.168.1.1/24");
-    make_if("vlanif20", 6, "10.0.20.1/24");
+    fuzz_make_if("vlanif10", 5, "192.168.1.1/24");
+    fuzz_make_if("vlanif20", 6, "10.0.20.1/24");
     dhcps_pool *p1 =
         make_pool("p1", "192.168.1.1", "192.168.1.0/24", "192.168.1.10", "192.168.1.20");
     require(dhcps_pool_add_static(nullptr, p1, "192.168.1.50", "02-00-00-00-00-50") == 0);

@@ -8,17 +8,12 @@
 #include <cstring>
 #include <memory>
 
+#include "fuzz/fuzz_common.h"
 #include "dhcp/dhcp_debug.h"
 #include "dhcp/dhcp_options.h"
 #include "lib/log.h"
 
 namespace {
-
-void require(bool ok) {
-    if (!ok) {
-        std::abort();
-    }
-}
 
 struct Area {
     const std::uint8_t *begin;
@@ -84,9 +79,7 @@ bool inside(const std::uint8_t *v, const std::uint8_t *begin, std::size_t size) 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size) {
     // The log is formatted (so its arguments are exercised) but goes nowhere.
     static const bool quiet = [] {
-        zlog *zl = openzlog("fuzz", 0, 0, LOG_DAEMON);
-        zlog_set_level(zl, ZLOG_DEST_SYSLOG, ZLOG_DISABLED);
-        zlog_set_level(zl, ZLOG_DEST_STDOUT, ZLOG_DISABLED);
+        fuzz_quiet_log();
         return true;
     }();
     (void)quiet;

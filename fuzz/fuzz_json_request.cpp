@@ -25,6 +25,7 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz/fuzz_common.h"
 #include "dhcp/dhcp_json.h"
 #include "dhcp/dhcpr.h"
 #include "dhcp/dhcpr_vty.h"
@@ -50,12 +51,6 @@ constexpr std::int32_t NOW = 1700000000;
 // Items replayed one by one at most; longer lists are only run.
 constexpr int REPLAY_ITEMS_MAX = 32;
 
-void require(bool ok) {
-    if (!ok) {
-        std::abort();
-    }
-}
-
 // Scratch files on a memory file system when there is one: every changing
 // request saves the configuration.
 fs::path scratch_dir() {
@@ -77,9 +72,7 @@ void add_address(const char *ifname, const char *addr) {
 }
 
 bool set_up() {
-    zlog *zl = openzlog("fuzz", 0, 0, LOG_DAEMON);
-    zlog_set_level(zl, ZLOG_DEST_SYSLOG, ZLOG_DISABLED);
-    zlog_set_level(zl, ZLOG_DEST_STDOUT, ZLOG_DISABLED);
+    fuzz_quiet_log();
     const fs::path dir = scratch_dir();
     fs::remove_all(dir);
     // libFuzzer ends the process with exit(): the scratch files go then.

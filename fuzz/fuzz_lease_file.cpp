@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_common.h"
 #include "dhcp/dhcps_leases.h"
 #include "dhcp/dhcps_pool.h"
 #include "lib/log.h"
@@ -33,15 +34,6 @@ namespace {
 constexpr std::int32_t NOW = 1700000000;
 constexpr std::size_t REC = sizeof(dhcps_lease);
 constexpr int CEILING = 10240;
-
-// Says which check failed before stopping.
-void require_at(bool ok, int line) {
-    if (!ok) {
-        std::fprintf(stderr, "fuzz_lease_file.cpp:%d: check failed\n", line);
-        std::abort();
-    }
-}
-#define require(ok) require_at((ok), __LINE__)
 
 std::string dir;
 
@@ -94,9 +86,7 @@ bool has_mac(const dhcps_lease &l) {
 }
 
 bool set_up() {
-    zlog *zl = openzlog("fuzz", 0, 0, LOG_DAEMON);
-    zlog_set_level(zl, ZLOG_DEST_SYSLOG, ZLOG_DISABLED);
-    zlog_set_level(zl, ZLOG_DEST_STDOUT, ZLOG_DISABLED);
+    fuzz_quiet_log();
     char tmpl[] = "/dev/shm/fuzz-lease-file.XXXXXX";
     char tmpl2[] = "/tmp/fuzz-lease-file.XXXXXX";
     const char *d = ::mkdtemp(tmpl);

@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_common.h"
 #include "dhcp/dhcp_options.h"
 #include "dhcp/dhcp_packet.h"
 #include "dhcp/dhcpr.h"
@@ -28,18 +29,10 @@
 
 namespace {
 
-void require(bool ok) {
-    if (!ok) {
-        std::abort();
-    }
-}
-
 interface *relay_if = nullptr;
 
 bool set_up() {
-    zlog *zl = openzlog("fuzz", 0, 0, LOG_DAEMON);
-    zlog_set_level(zl, ZLOG_DEST_SYSLOG, ZLOG_DISABLED);
-    zlog_set_level(zl, ZLOG_DEST_STDOUT, ZLOG_DISABLED);
+    fuzz_quiet_log();
     uif_set_sysfs_root("/nonexistent-dhcpr-fuzz");
     if_init();
     dhcpr_init(nullptr);

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/fuzz_common.h"
 #include "dhcp/dhcp_packet.h"
 #include "dhcp/dhcpr.h"
 #include "lib/if.h"
@@ -26,12 +27,6 @@
 #include "platform/uif.h"
 
 namespace {
-
-void require(bool ok) {
-    if (!ok) {
-        std::abort();
-    }
-}
 
 interface *relay_if = nullptr;
 
@@ -60,27 +55,16 @@ int to_client(const dhcp_packet &p, std::uint32_t, std::uint16_t sport, std::uin
     return size;
 }
 
-interface *make_if(const char *name, int index, const char *addr) {
-    interface *ifp = if_get_by_name(name);
-    ifp->ifindex = index;
-    prefix p{};
-    str2prefix(addr, &p);
-    connected_add(ifp, 0, &p, nullptr);
-    return ifp;
-}
-
 bool set_up() {
-    zlog *zl = openzlog("fuzz", 0, 0, LOG_DAEMON);
-    zlog_set_level(zl, ZLOG_DEST_SYSLOG, ZLOG_DISABLED);
-    zlog_set_level(zl, ZLOG_DEST_STDOUT, ZLOG_DISABLED);
+    fuzz_quiet_log();
     // No ports: MACs read as zeros, without touching the host's sysfs.
     uif_set_sysfs_root("/nonexistent-dhcpr-fuzz");
     if_init();
     dhcpr_init(nullptr);
     dhcpr_set_senders(to_server, to_client);
-    relay_if = make_if("vlanif10", 5, "192.168.10.1/24");
-    make_if("vlanif20", 6, "10.0.20.1/24");
-    make_if("vlanif30", 7, "192.168.30.1/24");
+    relay_if = fuzz_make_if("vlanif10", 5, "192.168.10.1/24");
+    fuzz_make_if("vlanif20", 6, "10.0.20.1/24");
+    fuzz_make_if("vlanif30", 7, "192.168.30.1/24");
     return true;
 }
 

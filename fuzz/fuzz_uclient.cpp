@@ -24,21 +24,13 @@
 #include <set>
 #include <vector>
 
+#include "fuzz/fuzz_common.h"
 #include "lib/log.h"
 #include "platform/dhcpsnoop.h"
 #include "platform/uclient.h"
 #include "platform/uif.h"
 
 namespace {
-
-// Says which check failed before stopping.
-void require_at(bool ok, int line) {
-    if (!ok) {
-        std::fprintf(stderr, "fuzz_uclient.cpp:%d: check failed\n", line);
-        std::abort();
-    }
-}
-#define require(ok) require_at((ok), __LINE__)
 
 using bytes = std::vector<std::uint8_t>;
 
@@ -186,9 +178,7 @@ int pending(int fd) {
 }
 
 bool set_up() {
-    zlog *zl = openzlog("fuzz", 0, 0, LOG_DAEMON);
-    zlog_set_level(zl, ZLOG_DEST_SYSLOG, ZLOG_DISABLED);
-    zlog_set_level(zl, ZLOG_DEST_STDOUT, ZLOG_DISABLED);
+    fuzz_quiet_log();
     // An interface notice refreshes the port tables: from an empty tree.
     uif_set_sysfs_root("/nonexistent-uclient-fuzz");
     return true;

@@ -26,6 +26,7 @@
 #include <string_view>
 #include <vector>
 
+#include "fuzz/fuzz_common.h"
 #include "lib/command.h"
 #include "lib/log.h"
 #include "lib/thread.h"
@@ -33,15 +34,6 @@
 #include "lib/vty_proto.h"
 
 namespace {
-
-// Says which check failed before stopping.
-void require_at(bool ok, int line) {
-    if (!ok) {
-        std::fprintf(stderr, "fuzz_vty_proto.cpp:%d: check failed\n", line);
-        std::abort();
-    }
-}
-#define require(ok) require_at((ok), __LINE__)
 
 DEFUN(fz_configure, fz_configure_cmd, "configure terminal", "Configure\nTerminal\n") {
     vty->node = CONFIG_NODE;
@@ -84,9 +76,7 @@ thread_master *master = nullptr;
 std::string path;
 
 bool set_up() {
-    zlog *zl = openzlog("fuzz", 0, 0, LOG_DAEMON);
-    zlog_set_level(zl, ZLOG_DEST_SYSLOG, ZLOG_DISABLED);
-    zlog_set_level(zl, ZLOG_DEST_STDOUT, ZLOG_DISABLED);
+    fuzz_quiet_log();
     cmd_set_hostname("fz");
     install_node(&enable, nullptr);
     install_node(&config, nullptr);

@@ -22,6 +22,7 @@
 #include <span>
 #include <vector>
 
+#include "fuzz/fuzz_common.h"
 #include "dhcp/dhcp_options.h"
 #include "dhcp/dhcp_zebra.h"
 #include "dhcp/dhcpr.h"
@@ -35,15 +36,6 @@
 #include "platform/uif.h"
 
 namespace {
-
-// Says which check failed before stopping.
-void require_at(bool ok, int line) {
-    if (!ok) {
-        std::fprintf(stderr, "fuzz_zclient.cpp:%d: check failed\n", line);
-        std::abort();
-    }
-}
-#define require(ok) require_at((ok), __LINE__)
 
 thread_master *master = nullptr;
 
@@ -59,9 +51,7 @@ void make_pool(const char *name, const char *router, const char *net) {
 }
 
 bool set_up() {
-    zlog *zl = openzlog("fuzz", 0, 0, LOG_DAEMON);
-    zlog_set_level(zl, ZLOG_DEST_SYSLOG, ZLOG_DISABLED);
-    zlog_set_level(zl, ZLOG_DEST_STDOUT, ZLOG_DISABLED);
+    fuzz_quiet_log();
     uif_set_sysfs_root("/nonexistent-zclient-fuzz");
     // The master is never run: the client's connection event never opens
     // a socket, every message comes from the input.

@@ -1,8 +1,6 @@
 #include "lib/vty.h"
 
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,6 +15,7 @@
 #include "lib/log.h"
 #include "lib/thread.h"
 #include "lib/unique_fd.h"
+#include "lib/unix_socket.h"
 #include "lib/vty_proto.h"
 
 namespace {
@@ -305,40 +304,21 @@ void session_open(int fd) {
 int vty_accept(thread *) {
     vty_server &srv = server();
     srv.t_accept = nullptr;
-    int fd = ::accept4(srv.listen_fd.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd < 0) {
-        bool starved = errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
-        if (starved) {
-            zlog_warn("vty: accept failed: %s", std::strerror(errno));
-        }
+    bool starved = false;
+    unique_fd fd = unix_accept("vty", srv.listen_fd.get(), &starved);
+    if (!fd) {
         // Out of descriptors: back off instead of spinning on the ready socket.
         arm_accept(starved ? VTY_ACCEPT_RETRY_MS : 0);
         return 0;
     }
     if (srv.sessions.size() >= VTY_MAX_SESSIONS) {
         zlog_warn("vty: too many sessions, refusing a connection");
-        ::close(fd);
+        fd.reset();
     } else {
-        session_open(fd);
+        session_open(fd.release());
     }
     arm_accept(0);
     return 0;
-}
-
-bool prepare_path(const char *path, sockaddr_un &sa) {
-    std::size_t len = std::strlen(path);
-    if (len == 0 || len >= sizeof sa.sun_path) {
-        zlog_err("vty: socket path '%s' is empty or too long", path);
-        return false;
-    }
-    sa.sun_family = AF_UNIX;
-    std::memcpy(sa.sun_path, path, len + 1);
-    // A socket left behind by an earlier run would make bind fail.
-    struct stat st {};
-    if (::lstat(path, &st) == 0 && S_ISSOCK(st.st_mode)) {
-        ::unlink(path);
-    }
-    return true;
 }
 
 }  // namespace
@@ -389,14 +369,8 @@ int vty_serv_sock(const char *, unsigned short, const char *path) {
         zlog_err("vty: server not initialised or no socket path");
         return -1;
     }
-    sockaddr_un sa{};
-    if (!prepare_path(path, sa)) {
-        return -1;
-    }
-    unique_fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (fd.get() < 0 || ::bind(fd.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0 ||
-        ::chmod(path, 0770) != 0 || ::listen(fd.get(), static_cast<int>(VTY_MAX_SESSIONS)) != 0) {
-        zlog_err("vty: can't serve on %s: %s", path, std::strerror(errno));
+    unique_fd fd = unix_listen("vty", path, static_cast<int>(VTY_MAX_SESSIONS));
+    if (!fd) {
         return -1;
     }
     thread_cancel(srv.t_accept);

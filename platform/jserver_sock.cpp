@@ -10,8 +10,6 @@
 #include "platform/jserver.h"
 
 #include <sys/socket.h>
-#include <sys/stat.h>
-#include <sys/un.h>
 
 #include <array>
 #include <cerrno>
@@ -24,6 +22,7 @@
 #include "lib/log.h"
 #include "lib/thread.h"
 #include "lib/unique_fd.h"
+#include "lib/unix_socket.h"
 
 namespace {
 
@@ -312,13 +311,9 @@ void conn_open(unique_fd fd) {
 int jserver_accept(thread *) {
     jserver_state &srv = server();
     srv.t_accept = nullptr;
-    unique_fd fd(::accept4(srv.listen_fd.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    bool starved = false;
+    unique_fd fd = unix_accept("jserver", srv.listen_fd.get(), &starved);
     if (!fd) {
-        const bool starved =
-            errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
-        if (starved) {
-            zlog_warn("jserver: accept failed: %s", std::strerror(errno));
-        }
         // Out of descriptors: back off instead of spinning on the ready socket.
         arm_accept(starved ? JSERVER_ACCEPT_RETRY_MS : 0);
         return 0;
@@ -332,22 +327,6 @@ int jserver_accept(thread *) {
     return 0;
 }
 
-bool prepare_path(const char *path, sockaddr_un &sa) {
-    const std::size_t len = path == nullptr ? 0 : std::strlen(path);
-    if (len == 0 || len >= sizeof sa.sun_path) {
-        zlog_err("jserver: socket path '%s' is empty or too long", path == nullptr ? "" : path);
-        return false;
-    }
-    sa.sun_family = AF_UNIX;
-    std::memcpy(sa.sun_path, path, len + 1);
-    // A socket left behind by an earlier run would make bind fail.
-    struct stat st {};
-    if (::lstat(path, &st) == 0 && S_ISSOCK(st.st_mode)) {
-        ::unlink(path);
-    }
-    return true;
-}
-
 }  // namespace
 
 int jserver_init(thread_master *master, const char *path, jserver_request_fn callback) {
@@ -356,14 +335,8 @@ int jserver_init(thread_master *master, const char *path, jserver_request_fn cal
         return -1;
     }
     jserver_close();
-    sockaddr_un sa{};
-    if (!prepare_path(path, sa)) {
-        return -1;
-    }
-    unique_fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!fd || ::bind(fd.get(), reinterpret_cast<sockaddr *>(&sa), sizeof sa) != 0 ||
-        ::chmod(path, 0770) != 0 || ::listen(fd.get(), SOMAXCONN) != 0) {
-        zlog_err("jserver: can't serve on %s: %s", path, std::strerror(errno));
+    unique_fd fd = unix_listen("jserver", path, SOMAXCONN);
+    if (!fd) {
         return -1;
     }
     jserver_state &srv = server();

@@ -33,44 +33,16 @@
 #include "platform/clock.h"
 #include "platform/jserver.h"
 #include "platform/uif.h"
+#include "tests/unit/vlan10_sysfs.h"
+#include "tests/unit/dhcps_test_msgs.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
+using dhcps_test::nip;
+
 constexpr std::int32_t NOW = 1700000000;
-
-std::uint32_t nip(const char *a) {
-    in_addr v{};
-    inet_pton(AF_INET, a, &v);
-    return v.s_addr;
-}
-
-// A fake sysfs: ports swp1..swp3 in vlanif10.
-struct FakePorts {
-    fs::path root = fs::path(::testing::TempDir()) / ("dhcp-json-" + std::to_string(getpid()));
-    FakePorts() {
-        fs::remove_all(root);
-        netdev("vlanif10", 5);
-        for (int i = 1; i <= 3; ++i) {
-            netdev("swp" + std::to_string(i), 10 + i);
-            fs::create_symlink("../vlanif10", root / ("swp" + std::to_string(i)) / "master");
-        }
-        uif_set_sysfs_root(root.string());
-        uif_init();
-        uvlan_init();
-    }
-    ~FakePorts() {
-        uif_set_sysfs_root("/sys/class/net");
-        fs::remove_all(root);
-    }
-    void netdev(const std::string &name, int idx) {
-        fs::create_directories(root / name);
-        std::ofstream(root / name / "ifindex") << idx << "\n";
-        std::ofstream(root / name / "address") << "02:00:00:00:00:" << idx << "\n";
-    }
-    void remove(const std::string &name) { fs::remove_all(root / name); }
-};
 
 void add_address(const char *ifname, const char *addr) {
     interface *ifp = if_get_by_name(ifname);
@@ -80,7 +52,7 @@ void add_address(const char *ifname, const char *addr) {
 }
 
 struct Json : ::testing::Test {
-    FakePorts ports;
+    test_sysfs::Vlan10Ports ports{"dhcp-json-"};
     fs::path conf_dir =
         fs::path(::testing::TempDir()) / ("dhcp-json-conf-" + std::to_string(getpid()));
     fs::path conf = conf_dir / "dhcpd.conf";

@@ -23,8 +23,11 @@
 #include "lib/vty.h"
 #include "platform/clock.h"
 #include "platform/jserver.h"
+#include "tests/unit/dhcps_test_msgs.h"
 
 namespace {
+
+using namespace dhcps_test;
 
 using json_ptr = std::unique_ptr<cJSON, decltype(&cJSON_Delete)>;
 
@@ -71,31 +74,6 @@ std::map<std::string, std::uint64_t> display_of(const std::string &text) {
         out[heading + "/" + label] = std::stoull(line.substr(colon + 3));
     }
     return out;
-}
-
-int no_send(const dhcp_packet &, std::uint32_t, std::uint32_t, const std::uint8_t *, int) {
-    return 0;
-}
-
-std::uint32_t nip(const char *a) {
-    in_addr v{};
-    inet_pton(AF_INET, a, &v);
-    return v.s_addr;
-}
-
-dhcp_packet discover(std::uint8_t mac, std::uint8_t hlen = 6) {
-    dhcp_packet p{};
-    p.op = BOOTREQUEST;
-    p.htype = 1;
-    p.hlen = hlen;
-    p.chaddr[0] = 2;
-    p.chaddr[5] = mac;
-    p.cookie = htonl(DHCP_MAGIC);
-    p.options[0] = DHCP_MESSAGE_TYPE;
-    p.options[1] = 1;
-    p.options[2] = DHCPDISCOVER;
-    p.options[3] = DHCP_END;
-    return p;
 }
 
 struct JsonStats : ::testing::Test {

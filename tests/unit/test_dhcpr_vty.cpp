@@ -16,6 +16,7 @@
 #include "lib/log.h"
 #include "lib/thread.h"
 #include "lib/vty.h"
+#include "tests/unit/cli_run.h"
 
 namespace {
 
@@ -92,11 +93,7 @@ struct RelayCli : ::testing::Test {
         thread_master_free(master);
     }
     std::string run(const std::string &line, int want = CMD_SUCCESS) {
-        const int rc = cmd_execute_command(line.c_str(), v.get());
-        EXPECT_EQ(rc, want) << line;
-        std::string out = v->obuf;
-        v->obuf.clear();
-        return out;
+        return cli_run(*v, line, want);
     }
     void run_all(const std::vector<std::string> &lines) {
         for (const std::string &l : lines) {

@@ -29,14 +29,11 @@
 #include "lib/thread.h"
 #include "platform/clock.h"
 #include "platform/hal.h"
+#include "tests/unit/dhcps_test_msgs.h"
 
 namespace {
 
-std::uint32_t nip(const char *a) {
-    in_addr v{};
-    inet_pton(AF_INET, a, &v);
-    return v.s_addr;
-}
+using namespace dhcps_test;
 
 std::string ip(std::uint32_t n) {
     char b[INET_ADDRSTRLEN];
@@ -107,43 +104,6 @@ std::uint32_t u32_option(const dhcp_packet &p, int code) {
     }
     return 0xdeadbeef;
 }
-
-struct Request {
-    dhcp_packet p{};
-    std::size_t at = 0;
-    Request(std::uint8_t type, std::uint8_t mac_last) {
-        p.op = BOOTREQUEST;
-        p.htype = 1;
-        p.hlen = 6;
-        p.xid = htonl(0x1234);
-        std::uint8_t mac[6] = {0x02, 0, 0, 0, 0, mac_last};
-        std::memcpy(p.chaddr, mac, 6);
-        p.cookie = htonl(DHCP_MAGIC);
-        opt(DHCP_MESSAGE_TYPE, {type});
-    }
-    Request &opt(std::uint8_t code, std::vector<std::uint8_t> v) {
-        p.options[at++] = code;
-        p.options[at++] = static_cast<std::uint8_t>(v.size());
-        for (auto b : v) {
-            p.options[at++] = b;
-        }
-        p.options[at] = DHCP_END;
-        return *this;
-    }
-    // Bytes as they go into the options area, end marker after them.
-    Request &raw(const std::vector<std::uint8_t> &bytes) {
-        for (auto b : bytes) {
-            p.options[at++] = b;
-        }
-        p.options[at] = DHCP_END;
-        return *this;
-    }
-    Request &addr_opt(std::uint8_t code, const char *a) {
-        std::uint32_t n = nip(a);
-        auto *b = reinterpret_cast<std::uint8_t *>(&n);
-        return opt(code, {b[0], b[1], b[2], b[3]});
-    }
-};
 
 struct Server : ::testing::Test {
     interface *ifp = nullptr;

@@ -21,49 +21,17 @@
 #include "lib/log.h"
 #include "lib/vty.h"
 #include "platform/clock.h"
+#include "tests/unit/dhcps_test_msgs.h"
 
 namespace {
 
-std::uint32_t nip(const char *a) {
-    in_addr v{};
-    inet_pton(AF_INET, a, &v);
-    return v.s_addr;
-}
+using namespace dhcps_test;
 
 int replies = 0;
 int count_reply(const dhcp_packet &, std::uint32_t, std::uint32_t, const std::uint8_t *, int) {
     ++replies;
     return 0;
 }
-
-struct Request {
-    dhcp_packet p{};
-    std::size_t at = 0;
-    Request(std::uint8_t type, std::uint8_t mac_last) {
-        p.op = BOOTREQUEST;
-        p.htype = 1;
-        p.hlen = 6;
-        p.xid = htonl(0x1234);
-        p.chaddr[0] = 0x02;
-        p.chaddr[5] = mac_last;
-        p.cookie = htonl(DHCP_MAGIC);
-        opt(DHCP_MESSAGE_TYPE, {type});
-    }
-    Request &opt(std::uint8_t code, std::vector<std::uint8_t> v) {
-        p.options[at++] = code;
-        p.options[at++] = static_cast<std::uint8_t>(v.size());
-        for (auto b : v) {
-            p.options[at++] = b;
-        }
-        p.options[at] = DHCP_END;
-        return *this;
-    }
-    Request &addr(std::uint8_t code, const char *a) {
-        std::uint32_t n = nip(a);
-        auto *b = reinterpret_cast<std::uint8_t *>(&n);
-        return opt(code, {b[0], b[1], b[2], b[3]});
-    }
-};
 
 constexpr std::int32_t NOW = 1000000;
 
@@ -121,7 +89,7 @@ struct Stats : ::testing::Test {
         Request d(DHCPDISCOVER, mac);
         handle(d);
         Request r(DHCPREQUEST, mac);
-        r.addr(DHCP_REQUESTED_IP, ip_of(mac).c_str()).addr(DHCP_SERVER_ID, "192.168.1.1");
+        r.addr_opt(DHCP_REQUESTED_IP, ip_of(mac).c_str()).addr_opt(DHCP_SERVER_ID, "192.168.1.1");
         handle(r);
     }
     static std::string ip_of(std::uint8_t mac) {
@@ -177,7 +145,7 @@ std::vector<Case> cases() {
          [](S &s, int i) {
              const auto mac = static_cast<std::uint8_t>(1 + i);
              Request r(DHCPREQUEST, mac);
-             r.addr(DHCP_REQUESTED_IP, Stats::ip_of(mac).c_str());
+             r.addr_opt(DHCP_REQUESTED_IP, Stats::ip_of(mac).c_str());
              return s.handle(r);
          },
          0,
@@ -186,7 +154,7 @@ std::vector<Case> cases() {
          none,
          [](S &s, int) {
              Request r(DHCPREQUEST, 9);
-             r.addr(DHCP_REQUESTED_IP, "192.168.1.15");
+             r.addr_opt(DHCP_REQUESTED_IP, "192.168.1.15");
              return s.handle(r);
          },
          0,
@@ -205,8 +173,8 @@ std::vector<Case> cases() {
          [](S &s, int i) {
              const auto mac = static_cast<std::uint8_t>(1 + i);
              Request r(DHCPDECLINE, mac);
-             r.addr(DHCP_SERVER_ID, "192.168.1.1")
-                 .addr(DHCP_REQUESTED_IP, Stats::ip_of(mac).c_str());
+             r.addr_opt(DHCP_SERVER_ID, "192.168.1.1")
+                 .addr_opt(DHCP_REQUESTED_IP, Stats::ip_of(mac).c_str());
              return s.handle(r);
          },
          0,
@@ -217,7 +185,7 @@ std::vector<Case> cases() {
              const auto mac = static_cast<std::uint8_t>(1 + i);
              Request r(DHCPRELEASE, mac);
              r.p.ciaddr = nip(Stats::ip_of(mac).c_str());
-             r.addr(DHCP_SERVER_ID, "192.168.1.1");
+             r.addr_opt(DHCP_SERVER_ID, "192.168.1.1");
              return s.handle(r);
          },
          0,
@@ -287,7 +255,7 @@ std::vector<Case> cases() {
          none,
          [](S &s, int) {
              Request r(DHCPREQUEST, 1);
-             r.addr(DHCP_SERVER_ID, "192.168.1.99");
+             r.addr_opt(DHCP_SERVER_ID, "192.168.1.99");
              return s.handle(r);
          },
          -1,
@@ -364,7 +332,7 @@ std::vector<Case> cases() {
          none,
          [](S &s, int) {
              Request r(DHCPDECLINE, 1);
-             r.addr(DHCP_REQUESTED_IP, "192.168.1.10");
+             r.addr_opt(DHCP_REQUESTED_IP, "192.168.1.10");
              return s.handle(r);
          },
          0,
@@ -485,12 +453,12 @@ TEST_F(Stats, PoolGaugesFollowLeases) {
     EXPECT_EQ(usage(), (std::vector<std::uint64_t>{11, 2, 0, 0, 0}));  // given: leased
     Request rel(DHCPRELEASE, 1);
     rel.p.ciaddr = nip(ip_of(1).c_str());
-    rel.addr(DHCP_SERVER_ID, "192.168.1.1");
+    rel.addr_opt(DHCP_SERVER_ID, "192.168.1.1");
     handle(rel);
     kq_time_set(NOW + 1);
     EXPECT_EQ(usage(), (std::vector<std::uint64_t>{11, 1, 0, 0, 0}));  // released
     Request dec(DHCPDECLINE, 2);
-    dec.addr(DHCP_SERVER_ID, "192.168.1.1").addr(DHCP_REQUESTED_IP, ip_of(2).c_str());
+    dec.addr_opt(DHCP_SERVER_ID, "192.168.1.1").addr_opt(DHCP_REQUESTED_IP, ip_of(2).c_str());
     const std::string declined = ip_of(2);
     handle(dec);
     EXPECT_EQ(usage(), (std::vector<std::uint64_t>{11, 0, 0, 1, 0}));  // reserved

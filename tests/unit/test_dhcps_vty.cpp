@@ -23,18 +23,17 @@
 #include "lib/vty.h"
 #include "platform/clock.h"
 #include "platform/uif.h"
+#include "tests/unit/vlan10_sysfs.h"
+#include "tests/unit/dhcps_test_msgs.h"
+#include "tests/unit/cli_run.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::int32_t NOW = 1700000000;
+using dhcps_test::nip;
 
-std::uint32_t nip(const char *a) {
-    in_addr v{};
-    inet_pton(AF_INET, a, &v);
-    return v.s_addr;
-}
+constexpr std::int32_t NOW = 1700000000;
 
 std::string pad(const std::string &s, std::size_t width) {
     return s.size() >= width ? s : s + std::string(width - s.size(), ' ');
@@ -66,36 +65,8 @@ std::uint32_t pool_option_len(const char *pool, std::uint8_t code) {
     return o ? o->length() : 0;
 }
 
-// A fake sysfs: ports swp1..swp3 in vlanif10.
-struct FakePorts {
-    // One tree per process: CTest runs the cases side by side.
-    fs::path root =
-        fs::path(::testing::TempDir()) / ("dhcps-vty-sysfs-" + std::to_string(getpid()));
-    FakePorts() {
-        fs::remove_all(root);
-        netdev("vlanif10", 5);
-        for (int i = 1; i <= 3; ++i) {
-            netdev("swp" + std::to_string(i), 10 + i);
-            fs::create_symlink("../vlanif10", root / ("swp" + std::to_string(i)) / "master");
-        }
-        uif_set_sysfs_root(root.string());
-        uif_init();
-        uvlan_init();
-    }
-    ~FakePorts() {
-        uif_set_sysfs_root("/sys/class/net");
-        fs::remove_all(root);
-    }
-    void netdev(const std::string &name, int idx) {
-        fs::create_directories(root / name);
-        std::ofstream(root / name / "ifindex") << idx << "\n";
-        std::ofstream(root / name / "address") << "02:00:00:00:00:" << idx << "\n";
-    }
-    void remove(const std::string &name) { fs::remove_all(root / name); }
-};
-
 struct Server : ::testing::Test {
-    FakePorts ports;
+    test_sysfs::Vlan10Ports ports{"dhcps-vty-sysfs-"};
     thread_master *master = thread_master_create();
     std::unique_ptr<vty> v = vty_new(VTY_SHELL_SERV);
     std::vector<std::string> log;
@@ -139,11 +110,7 @@ struct Server : ::testing::Test {
         dhcps_settings_init();
     }
     std::string run(const std::string &line, int want = CMD_SUCCESS) {
-        int rc = cmd_execute_command(line.c_str(), v.get());
-        EXPECT_EQ(rc, want) << line;
-        std::string out = v->obuf;
-        v->obuf.clear();
-        return out;
+        return cli_run(*v, line, want);
     }
     void run_all(const std::vector<std::string> &lines) {
         for (const std::string &l : lines) {

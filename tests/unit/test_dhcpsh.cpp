@@ -28,6 +28,7 @@
 #include "tools/dhcpsh/cmdline.h"
 #include "tools/dhcpsh/shell.h"
 #include "tools/dhcpsh/vtyclient.h"
+#include "tests/unit/scratch_dir.h"
 
 namespace {
 
@@ -81,30 +82,8 @@ std::string read_request(int fd) {
     return bytes;
 }
 
-class TempDir {
-  public:
-    TempDir() {
-        std::string templ = ::testing::TempDir() + "dhcpsh-XXXXXX";
-        if (::mkdtemp(templ.data()) != nullptr) {
-            path_ = templ;
-        }
-    }
-    ~TempDir() {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-
-    std::string file(std::string_view name) const { return path_ + "/" + std::string(name); }
-    std::string write(std::string_view name, std::string_view contents) const {
-        const std::string p = file(name);
-        std::ofstream(p, std::ios::binary) << contents;
-        return p;
-    }
-
-  private:
-    std::string path_;
+struct TempDir : test_dirs::ScratchDir {
+    TempDir() : ScratchDir("dhcpsh-") {}
 };
 
 struct Request {

@@ -20,6 +20,7 @@
 #include "tools/dhcpsh/cmdline.h"
 #include "tools/dhcpsh/jsonclient.h"
 #include "tools/dhcpsh/shell.h"
+#include "tests/unit/scratch_dir.h"
 
 namespace {
 
@@ -27,24 +28,8 @@ using dhcpsh::Mode;
 using dhcpsh::Options;
 using dhcpsh::unique_fd;
 
-class TempDir {
-  public:
-    TempDir() {
-        std::string templ = ::testing::TempDir() + "dhcpsh-json-XXXXXX";
-        if (::mkdtemp(templ.data()) != nullptr) {
-            path_ = templ;
-        }
-    }
-    ~TempDir() {
-        std::error_code ec;
-        std::filesystem::remove_all(path_, ec);
-    }
-    TempDir(const TempDir &) = delete;
-    TempDir &operator=(const TempDir &) = delete;
-    std::string file(std::string_view name) const { return path_ + "/" + std::string(name); }
-
-  private:
-    std::string path_;
+struct TempDir : test_dirs::ScratchDir {
+    TempDir() : ScratchDir("dhcpsh-json-") {}
 };
 
 // One connection's worth of a daemon: takes the request (to the client's

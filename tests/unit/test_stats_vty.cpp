@@ -24,34 +24,12 @@
 #include "lib/thread.h"
 #include "lib/vty.h"
 #include "platform/clock.h"
+#include "tests/unit/dhcps_test_msgs.h"
+#include "tests/unit/cli_run.h"
 
 namespace {
 
-std::uint32_t nip(const char *a) {
-    in_addr v{};
-    inet_pton(AF_INET, a, &v);
-    return v.s_addr;
-}
-
-int no_send(const dhcp_packet &, std::uint32_t, std::uint32_t, const std::uint8_t *, int) {
-    return 0;
-}
-
-// A DISCOVER from ...:mac with `hlen`.
-dhcp_packet discover(std::uint8_t mac, std::uint8_t hlen = 6) {
-    dhcp_packet p{};
-    p.op = BOOTREQUEST;
-    p.htype = 1;
-    p.hlen = hlen;
-    p.chaddr[0] = 2;
-    p.chaddr[5] = mac;
-    p.cookie = htonl(DHCP_MAGIC);
-    p.options[0] = DHCP_MESSAGE_TYPE;
-    p.options[1] = 1;
-    p.options[2] = DHCPDISCOVER;
-    p.options[3] = DHCP_END;
-    return p;
-}
+using namespace dhcps_test;
 
 struct StatsCli : ::testing::Test {
     thread_master *master = thread_master_create();
@@ -95,11 +73,7 @@ struct StatsCli : ::testing::Test {
         dhcpr_stats_clear();
     }
     std::string run(const std::string &line, int want = CMD_SUCCESS) {
-        const int rc = cmd_execute_command(line.c_str(), v.get());
-        EXPECT_EQ(rc, want) << line;
-        std::string out = v->obuf;
-        v->obuf.clear();
-        return out;
+        return cli_run(*v, line, want);
     }
     void make_pool() {
         v->node = CONFIG_NODE;
