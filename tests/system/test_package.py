@@ -93,7 +93,7 @@ def test_manual_pages_render_without_warnings(root, page, title):
         assert f"\n{section}\n" in r.stdout
 
 
-def test_dhcpd_page_names_the_21_json_requests(root):
+def test_dhcpd_page_names_every_json_request(root):
     env = dict(os.environ, MANWIDTH="200")
     text = run(["man", "-l", str(root / "usr/share/man/man8/dhcpd.8.gz")], env=env).stdout
     names = ["dhcps_gloabl_set", "dhcps_gloabl_get", "dhcps_pool_add", "dhcps_pool_delete",
@@ -103,8 +103,10 @@ def test_dhcpd_page_names_the_21_json_requests(root):
              "dhcps_bind_port_ip_delete", "dhcps_bind_port_ip_get_all", "dhcpr_state_set",
              "dhcpr_state_get", "dhcpr_l3_if_list", "dhcpr_if_server_add",
              "dhcpr_if_server_delete", "dhcpr_if_server_get_all"]
+    counters = ["dhcps_statistics_get", "dhcpr_statistics_get", "dhcps_statistics_clear",
+                "dhcpr_statistics_clear"]
     listed = re.findall(r"^ {7}(dhcp[sr]_\w+)$", text, re.M)
-    assert listed == names
+    assert listed == names + counters
 
 
 def complete(root, *words):
