@@ -33,11 +33,13 @@ interface *relay_if = nullptr;
 ssize_t to_server(int, std::span<const std::uint8_t> d, const sockaddr_in &to) {
     require(d.size() >= DHCP_FIXED_SIZE && d.size() <= sizeof(dhcp_packet));
     require(to.sin_family == AF_INET && to.sin_port == htons(DHCP_SERVER_PORT));
+    // The datagram is the head of the relay's whole record. An option 82
+    // added near its end runs past it and is cut off on the wire (kept so),
+    // and the relay took the type from the record as it holds it: so do we.
     dhcp_packet p{};
-    std::memcpy(&p, d.data(), d.size());
+    std::memcpy(&p, d.data(), sizeof p);
     require(p.hops >= 1 && p.hops <= 9);
     require(p.gateway_nip != 0);
-    // The type read from the whole record (zeros after the datagram).
     const int mtype = dhcpr_message_type(p);
     require(mtype == DHCPDISCOVER || mtype == DHCPREQUEST || mtype == DHCPDECLINE ||
             mtype == DHCPRELEASE || mtype == DHCPINFORM);

@@ -417,6 +417,9 @@ std::vector<Transcript> pool_transcripts() {
           {"show running-config", 0,
            lan_head +
                " lease 864000 \n begin-ip 0.0.0.0 end-ip 0.0.0.0\n pool enable\n quit\n!\nend\n"}}},
+        // Such a pool is written with its network but without a router, and
+        // the written network is refused on the way back: kept so (the fuzz
+        // seed cli/regress-no-default-router-keeps-network).
         {"RemovingTheRouterKeepsTheNetwork",
          {{"configure terminal"},
           {"dhcp-server pool lan"},
@@ -425,7 +428,11 @@ std::vector<Transcript> pool_transcripts() {
           {"no default-router"},
           {"show running-config", 0,
            lan_head + " lease 864000 \n network 10.0.0.0/24\n begin-ip 10.0.0.0 end-ip 10.0.0.255\n"
-                      " pool enable\n quit\n!\nend\n"}}},
+                      " pool enable\n quit\n!\nend\n"},
+          {"exit"},
+          {"no dhcp-server pool lan"},
+          {"dhcp-server pool lan"},
+          {"network 10.0.0.0/24", CMD_WARNING, "Please set default-router first \n"}}},
         {"LeaseForms",
          {{"configure terminal"},
           {"dhcp-server pool lan"},
