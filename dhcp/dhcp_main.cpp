@@ -190,6 +190,10 @@ int main(int argc, char **argv) {
 
     host_init(0x48000, 0);
     zlog_notice("DHCP %s starting", DHCPD_VERSION);
+    // From here a burst of lines is written once, after the callback that
+    // made it, instead of one write per line.
+    zlog_set_buffered(zlog_default, true);
+    thread_set_after_hook(master, [] { zlog_flush(zlog_default); });
     thread_main(master);
     jserver_close();
     return 0;

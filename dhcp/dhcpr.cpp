@@ -238,8 +238,7 @@ ipv4_text_buf ntoa(std::uint32_t nip) {
 // Whether `ifp` is still in the interface table. Compares handles only, so
 // it is safe for an interface that was deleted since it was remembered.
 bool interface_alive(const interface *ifp) {
-    const auto list = vrf_iflist(VRF_DEFAULT);
-    return std::find(list.begin(), list.end(), ifp) != list.end();
+    return if_exists(ifp);
 }
 
 std::uint32_t clip_id_len(std::uint32_t len) {
@@ -330,9 +329,10 @@ int relay_on() {
     dhcpr_state.server_read = thread_add_read(relay_master, dhcpr_recv_server, nullptr, server);
     dhcpr_state.netlink_fd = hal_netlink_async;
     // A channel the platform could not open gives no task (the scheduler
-    // refuses a negative descriptor).
+    // refuses a negative descriptor). The trapped frames' task stays armed
+    // until the relay is turned off: it is the busy one.
     dhcpr_state.netlink_read =
-        thread_add_read(relay_master, dhcpr_recv_netlink, nullptr, dhcpr_state.netlink_fd);
+        thread_add_read_repeat(relay_master, dhcpr_recv_netlink, nullptr, dhcpr_state.netlink_fd);
     return server;
 }
 
@@ -564,17 +564,9 @@ int decode_frame(std::uint8_t *frame, std::size_t frame_len, udp_view &out, dhcp
 
 // Whether `nip` is one of the switch's own IPv4 addresses.
 bool own_address(std::uint32_t nip) {
-    for (const interface *ifp : vrf_iflist(VRF_DEFAULT)) {
-        DHCPR_ASSERT_DATA(ifp != nullptr, NODE_DATA_TEXT);
-        for (const auto &c : ifp->connected) {
-            DHCPR_ASSERT_DATA(c != nullptr, ADDRNODE_DATA_TEXT);
-            if (c->address && c->address->family == AF_INET &&
-                c->address->u.prefix4.s_addr == nip) {
-                return true;
-            }
-        }
-    }
-    return false;
+    in_addr addr{};
+    addr.s_addr = nip;
+    return if_lookup_exact_address(addr) != nullptr;
 }
 
 // A server's reply: every frame to port 68; with the server reply port at
@@ -665,7 +657,6 @@ int dhcpr_recv_netlink(thread *t) {
     if (hal_recv(fd, dhcpr_netlink_msg) != 0) {
         zlog_warn("hal_recv dhcpr_netlink_msg fail!");
     }
-    dhcpr_state.netlink_read = thread_add_read(relay_master, dhcpr_recv_netlink, nullptr, fd);
     return 0;
 }
 
@@ -817,14 +808,9 @@ dhcpr_if *dhcpr_get_if_relay(std::uint32_t nip) {
         zlog_warn("if_lookup_address of l3_if_addr fail!");
         return nullptr;
     }
-    for (interface *ifp : vrf_iflist(VRF_DEFAULT)) {
-        DHCPR_ASSERT_DATA(ifp != nullptr, NODE_DATA_TEXT);
-        const dhcpr_if_info *info = dhcpr_if_binding(ifp);
-        if (ifp == owner && info != nullptr && info->relay != nullptr) {
-            return info->relay.get();
-        }
-    }
-    return nullptr;
+    // The owner's own binding: the address lookup found it in the table.
+    const dhcpr_if_info *info = dhcpr_if_binding(owner);
+    return (info != nullptr && info->relay != nullptr) ? info->relay.get() : nullptr;
 }
 
 // ===========================================================================

@@ -78,11 +78,9 @@ void dhcps_recv_batch(int sock) {
 
 }  // namespace
 
+// A kept read task: it stays armed until the server is turned off.
 int dhcps_recv(thread *t) {
-    int sock = THREAD_FD(t);
-    dhcps_recv_batch(sock);
-    dhcps_global.recv_thread =
-        funcname_thread_add_read(server_master, dhcps_recv, nullptr, sock, "dhcps_recv");
+    dhcps_recv_batch(THREAD_FD(t));
     return 0;
 }
 
@@ -101,7 +99,7 @@ int dhcps_set_enable(std::uint32_t v) {
         }
         dhcps_global.sock = sock;
         dhcps_global.recv_thread =
-            funcname_thread_add_read(server_master, dhcps_recv, nullptr, sock, "dhcps_recv");
+            funcname_thread_add_read_repeat(server_master, dhcps_recv, nullptr, sock, "dhcps_recv");
         return sock;
     }
     if (dhcps_global.sock > 0) {
@@ -383,9 +381,11 @@ dhcps_pool *choose_pool(const dhcp_packet &req, std::uint32_t l3_if_addr, interf
         *why = no_pool_reason(key, circuit);
         return nullptr;
     }
-    char buf[INET_ADDRSTRLEN];
-    zlog_debug("dhcps_pool %s, ipaddr=%s, ifindex=%d\n", pool->name, ip_text(pool->server_ip, buf),
-               pool->ifindex);
+    if (zlog_wanted(LOG_DEBUG)) {
+        char buf[INET_ADDRSTRLEN];
+        zlog_debug("dhcps_pool %s, ipaddr=%s, ifindex=%d\n", pool->name,
+                   ip_text(pool->server_ip, buf), pool->ifindex);
+    }
     const option_set *mask = dhcp_find_option(pool->options, DHCP_SUBNET_MASK);
     if (mask == nullptr || mask->length() < 4) {
         zlog_debug("dhcp_find_option DHCP_SUBNET_MASK fail!");
@@ -591,8 +591,10 @@ std::uint32_t dhcps_acquire_server_id(interface *ifp, dhcps_pool *pool) {
         if (p->family == AF_INET6) {
             continue;
         }
-        char buf[INET_ADDRSTRLEN];
-        zlog_debug("DHCP_SERVER_ID is %s", ip_text(p->u.prefix4.s_addr, buf));
+        if (zlog_wanted(LOG_DEBUG)) {
+            char buf[INET_ADDRSTRLEN];
+            zlog_debug("DHCP_SERVER_ID is %s", ip_text(p->u.prefix4.s_addr, buf));
+        }
         return p->u.prefix4.s_addr;
     }
     return pool->server_ip;

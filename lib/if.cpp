@@ -104,6 +104,23 @@ interface *if_lookup_address(in_addr addr) {
     return best;
 }
 
+interface *if_lookup_exact_address(in_addr addr) {
+    for (auto &[name, ifp] : table()) {
+        for (auto &c : ifp->connected) {
+            if (c && c->address && c->address->family == AF_INET &&
+                c->address->u.prefix4.s_addr == addr.s_addr) {
+                return ifp.get();
+            }
+        }
+    }
+    return nullptr;
+}
+
+bool if_exists(const interface *ifp) {
+    return std::any_of(table().begin(), table().end(),
+                       [ifp](const auto &entry) { return entry.second.get() == ifp; });
+}
+
 void if_delete(interface *ifp) {
     if (ifp == nullptr) {
         return;

@@ -67,6 +67,11 @@ interface *if_lookup_by_index(ifindex_t ifindex);
 // The interface owning an IPv4 address (network order): an exact connected
 // address first, else the longest connected network holding it.
 interface *if_lookup_address(in_addr addr);
+// The interface with exactly this IPv4 address (network order), or nullptr.
+interface *if_lookup_exact_address(in_addr addr);
+// Whether this handle is in the table. Compares handles only, so it is safe
+// for an interface deleted since it was remembered.
+bool if_exists(const interface *ifp);
 void if_delete(interface *ifp);
 int if_is_up(const interface *ifp);
 

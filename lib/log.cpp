@@ -1,5 +1,6 @@
 #include "log.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +18,10 @@ struct zlog {
     int deflvl[ZLOG_NUM_DESTS] = {ZLOG_DEFAULT_LEVEL, ZLOG_DEFAULT_LEVEL, ZLOG_DISABLED};
     std::string filename;
     std::FILE *fp = nullptr;
+    bool buffered = false;
+    // The time stamp of the current second, made once per second.
+    std::time_t stamp_time = -1;
+    char stamp[32] = {};
 };
 
 zlog *zlog_default = nullptr;
@@ -32,14 +37,35 @@ constexpr const char *kLevelNames[] = {"emergencies",   "alerts",   "critical",
 constexpr const char *kShortNames[] = {"emerg",   "alert",  "crit", "err",
                                        "warning", "notice", "info", "debug"};
 
-void write_line(std::FILE *fp, const zlog *zl, int priority, const char *text) {
-    char stamp[32];
-    std::time_t now = std::time(nullptr);
-    std::tm tm{};
-    localtime_r(&now, &tm);
-    std::strftime(stamp, sizeof stamp, "%Y/%m/%d %H:%M:%S", &tm);
-    std::fprintf(fp, "%s %s: %s: %s\n", stamp, zl->ident.c_str(), kShortNames[priority & 7], text);
-    std::fflush(fp);
+void put(std::FILE *fp, std::string_view s) {
+    fwrite_unlocked(s.data(), 1, s.size(), fp);
+}
+
+const char *stamp_of(zlog *zl) {
+    const std::time_t now = std::time(nullptr);
+    if (now != zl->stamp_time) {
+        std::tm tm{};
+        localtime_r(&now, &tm);
+        std::strftime(zl->stamp, sizeof zl->stamp, "%Y/%m/%d %H:%M:%S", &tm);
+        zl->stamp_time = now;
+    }
+    return zl->stamp;
+}
+
+void write_line(std::FILE *fp, zlog *zl, int priority, std::string_view text) {
+    flockfile(fp);
+    put(fp, stamp_of(zl));
+    put(fp, " ");
+    put(fp, zl->ident);
+    put(fp, ": ");
+    put(fp, kShortNames[priority & 7]);
+    put(fp, ": ");
+    put(fp, text);
+    put(fp, "\n");
+    funlockfile(fp);
+    if (!zl->buffered) {
+        std::fflush(fp);
+    }
 }
 
 // True when some destination (or the test hook) takes this priority, so a
@@ -61,9 +87,11 @@ void vzlog(zlog *zl, int priority, const char *format, va_list args) {
         return;
     }
     char text[1024];
-    std::vsnprintf(text, sizeof text, format, args);
+    const int len = std::vsnprintf(text, sizeof text, format, args);
     // Several messages carry their own trailing newline; one line per message.
-    std::size_t n = std::strlen(text);
+    std::size_t n =
+        len < 0 ? 0 : std::min<std::size_t>(static_cast<std::size_t>(len), sizeof text - 1);
+    text[n] = '\0';
     while (n > 0 && (text[n - 1] == '\n' || text[n - 1] == '\r')) {
         text[--n] = '\0';
     }
@@ -86,11 +114,12 @@ void vzlog(zlog *zl, int priority, const char *format, va_list args) {
     if (level <= zl->maxlvl[ZLOG_DEST_SYSLOG]) {
         syslog(level | zl->facility, "%s", text);
     }
+    const std::string_view line(text, n);
     if (level <= zl->maxlvl[ZLOG_DEST_STDOUT]) {
-        write_line(stdout, zl, level, text);
+        write_line(stdout, zl, level, line);
     }
     if (zl->fp != nullptr && level <= zl->maxlvl[ZLOG_DEST_FILE]) {
-        write_line(zl->fp, zl, level, text);
+        write_line(zl->fp, zl, level, line);
     }
 }
 
@@ -116,6 +145,7 @@ void closezlog(zlog *zl) {
     if (zl == nullptr) {
         return;
     }
+    zlog_flush(zl);
     closelog();
     zlog_reset_file(zl);
     if (zl == zlog_default) {
@@ -124,6 +154,10 @@ void closezlog(zlog *zl) {
     } else {
         std::unique_ptr<zlog> owned(zl);
     }
+}
+
+bool zlog_wanted(int priority) {
+    return wanted(zlog_default, priority & 7);
 }
 
 void zlog_msg(zlog *zl, int priority, const char *format, ...) {
@@ -156,7 +190,7 @@ int zlog_rotate(zlog *zl) {
     if (zl->fp == nullptr) {
         return 1;
     }
-    std::fclose(zl->fp);
+    std::fclose(zl->fp);  // flushes what the buffered mode held
     zl->fp = std::fopen(zl->filename.c_str(), "a");
     if (zl->fp == nullptr) {
         zl->maxlvl[ZLOG_DEST_FILE] = ZLOG_DISABLED;
@@ -200,6 +234,26 @@ void zlog_reset_file(zlog *zl) {
     zl->fp = nullptr;
     zl->filename.clear();
     zl->maxlvl[ZLOG_DEST_FILE] = ZLOG_DISABLED;
+}
+
+void zlog_set_buffered(zlog *zl, bool on) {
+    if (zl == nullptr) {
+        return;
+    }
+    if (!on) {
+        zlog_flush(zl);
+    }
+    zl->buffered = on;
+}
+
+void zlog_flush(zlog *zl) {
+    if (zl == nullptr || !zl->buffered) {
+        return;
+    }
+    std::fflush(stdout);
+    if (zl->fp != nullptr) {
+        std::fflush(zl->fp);
+    }
 }
 
 const char *zlog_get_filename(const zlog *zl) {
@@ -246,5 +300,6 @@ void _zlog_assert_failed(const char *assertion, const char *file, unsigned int l
     }
     zlog_msg(zlog_default, LOG_CRIT, "Assertion `%s' failed in file %s, line %u, function %s",
              assertion, module.c_str(), line, function);
+    zlog_flush(zlog_default);
     std::abort();
 }

@@ -32,9 +32,21 @@ void zlog_info(const char *format, ...) ZLOG_PRINTF(1, 2);
 void zlog_notice(const char *format, ...) ZLOG_PRINTF(1, 2);
 void zlog_debug(const char *format, ...) ZLOG_PRINTF(1, 2);
 
+// True when a line of this priority would be written somewhere (or reach the
+// test hook): a caller whose arguments cost something to make asks first.
+bool zlog_wanted(int priority);
+
 // Reopens the log file and syslog (SIGUSR1). Returns 1, or 0 when the file
 // could not be reopened (that destination is then off).
 int zlog_rotate(zlog *zl);
+
+// Buffered mode: lines for standard output and the file stay in their stdio
+// buffers until zlog_flush(), so a burst of lines costs one write instead of
+// one each. The daemon turns it on and flushes after every callback of its
+// loop; an assertion failure flushes before it aborts. Off by default: each
+// line is written as it is made.
+void zlog_set_buffered(zlog *zl, bool on);
+void zlog_flush(zlog *zl);
 
 void zlog_set_level(zlog *zl, zlog_dest dest, int level);
 int zlog_get_level(const zlog *zl, zlog_dest dest);

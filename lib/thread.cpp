@@ -24,6 +24,7 @@ struct task_slot {
     std::uint64_t serial = 0;  // order of creation on the master
     bool running = false;
     bool cancelled = false;
+    bool repeat = false;  // a read task that stays armed (EV_PERSIST)
 };
 
 struct thread_master {
@@ -31,6 +32,7 @@ struct thread_master {
     std::unordered_map<thread *, std::unique_ptr<task_slot>> tasks;
     std::uint64_t created = 0;
     int ran = 0;
+    void (*after)() = nullptr;
 };
 
 namespace {
@@ -44,7 +46,14 @@ void run_slot(task_slot *slot) {
     slot->running = true;
     ++m->ran;
     slot->pub.func(&slot->pub);
-    finish(m, &slot->pub);
+    if (slot->repeat && !slot->cancelled) {
+        slot->running = false;  // stays armed, registered as it was
+    } else {
+        finish(m, &slot->pub);
+    }
+    if (m->after != nullptr) {
+        m->after();
+    }
 }
 
 void dispatch(evutil_socket_t, short, void *p) {
@@ -58,6 +67,7 @@ thread *add_task(thread_master *m, thread_kind kind, thread_func func, void *arg
     }
     auto slot = std::make_unique<task_slot>();
     slot->pub = thread{kind, m, func, arg, fd, val, name};
+    slot->repeat = (what & EV_PERSIST) != 0;
     evutil_socket_t efd = (kind == thread_kind::read || kind == thread_kind::write) ? fd : -1;
     slot->ev.reset(event_new(m->base.get(), efd, what, dispatch, slot.get()));
     if (!slot->ev) {
@@ -123,6 +133,15 @@ thread *funcname_thread_add_read(thread_master *m, thread_func func, void *arg, 
     return add_task(m, thread_kind::read, func, arg, fd, 0, funcname, nullptr, EV_READ);
 }
 
+thread *funcname_thread_add_read_repeat(thread_master *m, thread_func func, void *arg, int fd,
+                                        const char *funcname) {
+    if (fd < 0) {
+        return nullptr;
+    }
+    return add_task(m, thread_kind::read, func, arg, fd, 0, funcname, nullptr,
+                    EV_READ | EV_PERSIST);
+}
+
 thread *funcname_thread_add_write(thread_master *m, thread_func func, void *arg, int fd,
                                   const char *funcname) {
     if (fd < 0) {
@@ -153,7 +172,17 @@ void thread_cancel(thread *t) {
     }
     thread_master *m = t->master;
     auto it = m->tasks.find(t);
-    if (it == m->tasks.end() || it->second->running) {
+    if (it == m->tasks.end()) {
+        return;
+    }
+    task_slot &slot = *it->second;
+    if (slot.running) {
+        // A kept read task cancelled by its own callback ends when the
+        // callback returns; a one-shot task ends then anyway.
+        if (slot.repeat && !slot.cancelled) {
+            slot.cancelled = true;
+            event_del(slot.ev.get());
+        }
         return;
     }
     m->tasks.erase(it);
@@ -165,7 +194,16 @@ std::size_t thread_count(const thread_master *m) {
 
 void thread_main(thread_master *m) {
     if (m != nullptr) {
+        if (m->after != nullptr) {
+            m->after();
+        }
         event_base_dispatch(m->base.get());
+    }
+}
+
+void thread_set_after_hook(thread_master *m, void (*hook)()) {
+    if (m != nullptr) {
+        m->after = hook;
     }
 }
 

@@ -62,6 +62,23 @@ TEST_F(IfTable, LookupAddressPrefersExactThenLongestNetwork) {
     EXPECT_EQ(if_lookup_address(addr("192.0.2.1")), nullptr);
 }
 
+TEST_F(IfTable, ExactAddressLookupAndHandleCheck) {
+    interface *a = if_get_by_name("vlanif10");
+    interface *b = if_get_by_name("vlanif20");
+    prefix pa = pfx("10.0.0.1/8"), pb = pfx("10.1.0.1/16");
+    connected_add(a, 0, &pa, nullptr);
+    connected_add(b, 0, &pb, nullptr);
+    EXPECT_EQ(if_lookup_exact_address(addr("10.0.0.1")), a);
+    EXPECT_EQ(if_lookup_exact_address(addr("10.1.0.1")), b);
+    EXPECT_EQ(if_lookup_exact_address(addr("10.1.2.3")), nullptr);  // only in a network
+    EXPECT_TRUE(if_exists(a));
+    EXPECT_TRUE(if_exists(b));
+    if_delete(b);
+    EXPECT_FALSE(if_exists(b));  // the handle is compared, never followed
+    EXPECT_EQ(if_lookup_exact_address(addr("10.1.0.1")), nullptr);
+    EXPECT_FALSE(if_exists(nullptr));
+}
+
 TEST_F(IfTable, PeerAddressMatchesOnItsDestination) {
     interface *ifp = if_get_by_name("vlanif30");
     prefix local = pfx("10.9.0.1/32"), peer = pfx("172.16.0.0/24");

@@ -92,6 +92,44 @@ TEST_F(Log, DefaultsAreRememberedForTheConfiguration) {
     EXPECT_EQ(zlog_get_level(zlog_default, ZLOG_DEST_STDOUT), LOG_DEBUG);
 }
 
+TEST_F(Log, BufferedLinesReachTheFileAtTheFlush) {
+    std::string path = ::testing::TempDir() + "/zlog-buffered.log";
+    std::remove(path.c_str());
+    zlog_set_level(zlog_default, ZLOG_DEST_STDOUT, ZLOG_DISABLED);
+    ASSERT_EQ(zlog_set_file(zlog_default, path.c_str(), LOG_INFO), 1);
+    auto contents = [&] {
+        std::ifstream in(path);
+        std::ostringstream all;
+        all << in.rdbuf();
+        return all.str();
+    };
+    zlog_set_buffered(zlog_default, true);
+    zlog_info("held %d", 1);
+    zlog_info("held %d", 2);
+    EXPECT_EQ(contents(), "");
+    zlog_flush(zlog_default);
+    std::regex two(R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d dhcpd: info: held 1\n)"
+                   R"(\d{4}/\d\d/\d\d \d\d:\d\d:\d\d dhcpd: info: held 2\n)");
+    EXPECT_TRUE(std::regex_match(contents(), two)) << contents();
+    zlog_info("held 3");
+    zlog_set_buffered(zlog_default, false);  // turning it off flushes
+    EXPECT_NE(contents().find("dhcpd: info: held 3\n"), std::string::npos);
+    zlog_info("at once");
+    EXPECT_NE(contents().find("dhcpd: info: at once\n"), std::string::npos);
+    zlog_reset_file(zlog_default);
+    std::remove(path.c_str());
+}
+
+TEST_F(Log, ALongMessageIsCutToOneLine) {
+    ::testing::internal::CaptureStdout();
+    std::string big(3000, 'x');
+    zlog_info("%s", big.c_str());
+    std::string out = ::testing::internal::GetCapturedStdout();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back().second, std::string(1023, 'x'));
+    EXPECT_NE(out.find(": info: " + std::string(1023, 'x') + "\n"), std::string::npos);
+}
+
 TEST(LogLevels, NamesBothWays) {
     EXPECT_STREQ(zlog_level_name(LOG_INFO), "informational");
     EXPECT_STREQ(zlog_level_name(LOG_DEBUG), "debugging");

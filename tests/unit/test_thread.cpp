@@ -210,4 +210,92 @@ TEST_F(Loop, SignalHandlersRunInsideTheLoop) {
     SUCCEED();
 }
 
+int kept_reads = 0;
+int cancel_on_read = 0;  // the read whose callback cancels its own task
+
+int on_kept_read(thread *t) {
+    char c;
+    if (read(THREAD_FD(t), &c, 1) != 1) {
+        return -1;
+    }
+    if (++kept_reads == cancel_on_read) {
+        thread_cancel(t);
+    }
+    return 0;
+}
+
+TEST_F(Loop, KeptReadTaskFiresUntilCancelledUnderOneHandle) {
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    kept_reads = 0;
+    cancel_on_read = 0;
+    thread *t = thread_add_read_repeat(m, on_kept_read, nullptr, p[0]);
+    ASSERT_NE(t, nullptr);
+    ASSERT_EQ(write(p[1], "abc", 3), 3);
+    for (int turn = 1; turn <= 3; ++turn) {
+        EXPECT_EQ(thread_run_once(m, 1000), 1);
+        EXPECT_EQ(kept_reads, turn);
+    }
+    EXPECT_EQ(thread_count(m), 1u);       // still armed, the same task
+    EXPECT_EQ(thread_run_once(m, 0), 0);  // nothing to read: nothing runs
+    ASSERT_EQ(write(p[1], "d", 1), 1);
+    EXPECT_EQ(thread_run_once(m, 1000), 1);
+    EXPECT_EQ(kept_reads, 4);
+    thread_cancel(t);
+    EXPECT_EQ(thread_count(m), 0u);
+    ASSERT_EQ(write(p[1], "e", 1), 1);
+    EXPECT_EQ(thread_run_once(m, 0), 0);
+    EXPECT_EQ(kept_reads, 4);
+    close(p[0]);
+    close(p[1]);
+}
+
+TEST_F(Loop, KeptReadTaskCancelledByItsOwnCallbackEndsThen) {
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    kept_reads = 0;
+    cancel_on_read = 2;
+    thread_add_read_repeat(m, on_kept_read, nullptr, p[0]);
+    ASSERT_EQ(write(p[1], "abcd", 4), 4);
+    EXPECT_EQ(thread_run_once(m, 1000), 1);
+    EXPECT_EQ(thread_run_once(m, 1000), 1);
+    EXPECT_EQ(kept_reads, 2);
+    EXPECT_EQ(thread_count(m), 0u);
+    EXPECT_EQ(thread_run_once(m, 0), 0);  // two bytes wait, nobody reads them
+    EXPECT_EQ(kept_reads, 2);
+    close(p[0]);
+    close(p[1]);
+}
+
+TEST_F(Loop, KeptReadOnInvalidDescriptorIsRefused) {
+    EXPECT_EQ(thread_add_read_repeat(m, on_kept_read, nullptr, -1), nullptr);
+}
+
+std::vector<std::string> order;
+void after_callback() {
+    order.emplace_back("after");
+}
+int note_run(thread *t) {
+    order.emplace_back(static_cast<const char *>(THREAD_ARG(t)));
+    return 0;
+}
+int note_and_break(thread *t) {
+    note_run(t);
+    thread_break(t->master);
+    return 0;
+}
+
+TEST_F(Loop, AfterHookRunsAsTheLoopStartsAndAfterEveryCallback) {
+    order.clear();
+    thread_set_after_hook(m, after_callback);
+    thread_add_event(m, note_run, const_cast<char *>("event"), 0);
+    thread_add_timer_msec(m, note_and_break, const_cast<char *>("timer"), 1);
+    thread_main(m);
+    EXPECT_EQ(order, (std::vector<std::string>{"after", "event", "after", "timer", "after"}));
+    thread_set_after_hook(m, nullptr);
+    thread_add_event(m, note_run, const_cast<char *>("alone"), 0);
+    thread_run_once(m, 0);
+    EXPECT_EQ(order.back(), "alone");
+}
+
 }  // namespace
