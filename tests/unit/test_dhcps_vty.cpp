@@ -433,6 +433,29 @@ std::vector<Transcript> pool_transcripts() {
           {"no dhcp-server pool lan"},
           {"dhcp-server pool lan"},
           {"network 10.0.0.0/24", CMD_WARNING, "Please set default-router first \n"}}},
+        // A router moved out of the network leaves the network set and
+        // written; on the way back the network is refused (in the log only)
+        // and the range is the network's whole: kept so (the fuzz seed
+        // cli/regress-router-moved-out-of-network).
+        {"MovingTheRouterOutKeepsTheNetwork",
+         {{"configure terminal"},
+          {"dhcp-server pool lan"},
+          {"default-router 10.0.0.1"},
+          {"network 10.0.0.0/24"},
+          {"begin-ip 10.0.0.10 end-ip 10.0.0.20"},
+          {"default-router 1.1.1.1"},
+          {"show running-config", 0,
+           lan_head + " default-router 1.1.1.1\n lease 864000 \n network 10.0.0.0/24\n"
+                      " begin-ip 10.0.0.10 end-ip 10.0.0.20\n pool enable\n quit\n!\nend\n"},
+          {"exit"},
+          {"no dhcp-server pool lan"},
+          {"dhcp-server pool lan"},
+          {"default-router 1.1.1.1"},
+          {"network 10.0.0.0/24"},
+          {"begin-ip 10.0.0.10 end-ip 10.0.0.20", CMD_WARNING, "% haven't set network yet!\n"},
+          {"show running-config", 0,
+           lan_head + " default-router 1.1.1.1\n lease 864000 \n"
+                      " begin-ip 10.0.0.0 end-ip 10.0.0.255\n pool enable\n quit\n!\nend\n"}}},
         {"LeaseForms",
          {{"configure terminal"},
           {"dhcp-server pool lan"},
