@@ -189,6 +189,12 @@ int dhcp_port67_open(dhcp_port67_role role) {
         if (fd < 0) {
             return -1;
         }
+        // Room for a burst: under load the server reads this socket once a
+        // tick, not at every datagram.
+        constexpr int kRcvbuf = 4 << 20;
+        if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &kRcvbuf, sizeof kRcvbuf) != 0) {
+            (void)setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &kRcvbuf, sizeof kRcvbuf);
+        }
         port67.fd.reset(fd);
     }
     port67_count(role)++;

@@ -54,17 +54,16 @@ void dhcps_init(thread_master *m) {
 
 namespace {
 
-// One wake-up's worth of requests: what waits on the socket, at most one
-// batch, handled in arrival order with their raw replies sent together at
-// the end; more waiting wakes the loop again once timers and the CLI had
-// their turn.
-void dhcps_recv_batch(int sock) {
+// One batch of requests: what waits on the socket, at most one batch,
+// handled in arrival order with their raw replies sent together at the
+// end. Returns how many were read.
+int dhcps_recv_batch(int sock) {
     static std::array<dhcp_received, DHCP_RECV_BATCH> batch;
     const int n = dhcp_recvmmsg(sock, batch);
     if (n < 0) {
         zlog_debug("dhcp_recvmsg fail!");
         zlog_debug("dhcps_parse_packet fail!");
-        return;
+        return 0;
     }
     dhcp_raw_batch_begin();
     for (std::size_t i = 0; i < static_cast<std::size_t>(n); i++) {
@@ -74,13 +73,62 @@ void dhcps_recv_batch(int sock) {
         }
     }
     dhcp_raw_batch_flush();
+    return n;
+}
+
+// Under load the socket is read on a tick instead of a wake-up per
+// datagram. A wake-up that found requests parks the read task and arms the
+// tick; each tick reads what came meanwhile (at most kTickBatches batches,
+// so timers and the CLI keep their turn), and the first tick that finds
+// nothing arms the read task again. Replies leave at most a tick later, in
+// arrival order, and a busy second costs about a thousand wake-ups instead
+// of two per exchange. While the relay drains the same socket it is woken
+// by every datagram anyway, so the server then stays on its read task.
+constexpr long kPollTickMs = 1;
+constexpr int kTickBatches = 8;
+thread *poll_tick = nullptr;
+
+int dhcps_poll_tick(thread *t);
+
+bool may_park() {
+    return dhcp_port67_users(dhcp_port67_role::drain) == 0;
+}
+
+void arm_reader() {
+    poll_tick = nullptr;
+    dhcps_global.recv_thread = funcname_thread_add_read_repeat(server_master, dhcps_recv, nullptr,
+                                                               dhcps_global.sock, "dhcps_recv");
+}
+
+void arm_tick() {
+    poll_tick = thread_add_timer_msec(server_master, dhcps_poll_tick, nullptr, kPollTickMs);
+}
+
+int dhcps_poll_tick(thread *) {
+    int total = 0;
+    for (int i = 0; i < kTickBatches; i++) {
+        const int n = dhcps_recv_batch(dhcps_global.sock);
+        total += n;
+        if (n < static_cast<int>(DHCP_RECV_BATCH)) {
+            break;
+        }
+    }
+    if (total == 0 || !may_park()) {
+        arm_reader();
+    } else {
+        arm_tick();
+    }
+    return 0;
 }
 
 }  // namespace
 
-// A kept read task: it stays armed until the server is turned off.
 int dhcps_recv(thread *t) {
-    dhcps_recv_batch(THREAD_FD(t));
+    if (dhcps_recv_batch(THREAD_FD(t)) > 0 && may_park() && t == dhcps_global.recv_thread) {
+        thread_cancel(t);  // ends when this callback returns
+        dhcps_global.recv_thread = nullptr;
+        arm_tick();
+    }
     return 0;
 }
 
@@ -98,12 +146,13 @@ int dhcps_set_enable(std::uint32_t v) {
             return -1;
         }
         dhcps_global.sock = sock;
-        dhcps_global.recv_thread =
-            funcname_thread_add_read_repeat(server_master, dhcps_recv, nullptr, sock, "dhcps_recv");
+        arm_reader();
         return sock;
     }
     if (dhcps_global.sock > 0) {
         thread_cancel(dhcps_global.recv_thread);
+        thread_cancel(poll_tick);
+        poll_tick = nullptr;
         dhcp_port67_close(dhcp_port67_role::handle);
         dhcps_global.recv_thread = nullptr;
         dhcps_global.sock = 0;

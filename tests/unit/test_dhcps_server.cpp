@@ -1037,4 +1037,76 @@ TEST_F(Server, UnicastRenewalsReachTheServerWhileTheRelayDrainsPort67) {
     relay_master = nullptr;
 }
 
+// Under load the server reads port 67 on a 1 ms tick: a wake-up that found
+// requests parks the read task, each tick reads what came meanwhile, and a
+// tick that finds nothing arms the read task again. Every request is
+// answered, in arrival order.
+TEST_F(Server, UnderLoadPort67IsReadOnATick) {
+    if (!private_net().empty()) {
+        GTEST_SKIP() << private_net();
+    }
+    thread_master *m = thread_master_create();
+    dhcps_init(m);
+    dhcps_lease_list_free();
+    dhcps_lease_list_init();
+    interface *lan = if_get_by_name("vlanif9");
+    lan->ifindex = 9;
+    prefix a{};
+    str2prefix("10.9.0.1/24", &a);
+    connected_add(lan, 0, &a, nullptr);
+    make_pool("n9", "10.9.0.1", "10.9.0.0/24", "10.9.0.50", "10.9.0.60");
+    dhcp_unique_fd client(::socket(AF_INET, SOCK_DGRAM, 0));
+    ASSERT_TRUE(client);
+    sockaddr_in server{};
+    server.sin_family = AF_INET;
+    server.sin_port = htons(67);
+    server.sin_addr.s_addr = nip("10.9.0.1");
+    // Sent to a local address: queued on port 67 before sendto returns.
+    auto renew = [&](std::uint8_t i) {
+        const std::uint8_t mac[6] = {0x02, 0, 0, 0, 9, i};
+        const std::uint32_t addr = htonl(ntohl(nip("10.9.0.50")) + i);
+        ASSERT_NE(dhcps_add_lease(mac, addr, 100, now + 100, nullptr, 0, 1, 0), nullptr);
+        Request r(DHCPREQUEST, i);
+        r.p.chaddr[4] = 9;
+        r.p.ciaddr = addr;
+        ASSERT_EQ(::sendto(client.get(), &r.p, sizeof r.p, 0,
+                           reinterpret_cast<const sockaddr *>(&server), sizeof server),
+                  static_cast<ssize_t>(sizeof r.p));
+    };
+    auto acked = [&](std::size_t n) {
+        std::vector<std::string> out;
+        for (std::size_t i = 0; i < n && i < sent.size(); i++) {
+            out.push_back(ip(sent[i].dst));
+        }
+        return out;
+    };
+    ASSERT_GT(dhcps_set_enable(1), 0);
+    sent.clear();
+    renew(0);
+    for (int turn = 0; turn < 50 && sent.empty(); turn++) {  // ends only a failed wait
+        thread_run_once(m, 200);
+    }
+    ASSERT_EQ(sent.size(), 1u);
+    EXPECT_EQ(dhcps_global.recv_thread, nullptr);  // parked
+    EXPECT_EQ(thread_timer_intervals(m), std::vector<long>{1});
+    renew(1);
+    renew(2);
+    renew(3);
+    EXPECT_EQ(thread_fire_timers(m), 1);  // the tick reads all three
+    EXPECT_EQ(acked(4),
+              (std::vector<std::string>{"10.9.0.50", "10.9.0.51", "10.9.0.52", "10.9.0.53"}));
+    EXPECT_EQ(thread_timer_intervals(m), std::vector<long>{1});  // found some: ticks on
+    EXPECT_EQ(thread_fire_timers(m), 1);                         // finds nothing
+    EXPECT_TRUE(thread_timer_intervals(m).empty());
+    ASSERT_NE(dhcps_global.recv_thread, nullptr);  // armed again
+    renew(4);
+    for (int turn = 0; turn < 50 && sent.size() < 5; turn++) {
+        thread_run_once(m, 200);
+    }
+    EXPECT_EQ(acked(5).back(), "10.9.0.54");
+    dhcps_set_enable(0);
+    EXPECT_EQ(thread_count(m), 0u);
+    thread_master_free(m);
+}
+
 }  // namespace
