@@ -56,6 +56,7 @@ std::uint32_t port_index(std::uint32_t number) {
 }
 
 thread_master *relay_master = nullptr;
+thread *trap_tick = nullptr;  // the trapped frames' tick, while armed
 
 // ---- seams ----
 
@@ -300,6 +301,8 @@ void close_server_socket() {
         dhcpr_state.server_sock.reset();
         thread_cancel(dhcpr_state.netlink_read);
         dhcpr_state.netlink_read = nullptr;
+        thread_cancel(trap_tick);
+        trap_tick = nullptr;
         dhcpr_state.netlink_fd = 0;
     }
 }
@@ -593,6 +596,7 @@ void dhcpr_init(thread_master *m) {
     dhcpr_state.client_read = nullptr;
     dhcpr_state.server_read = nullptr;
     dhcpr_state.netlink_read = nullptr;
+    trap_tick = nullptr;
     dhcpr_state.server_reply_port = DHCPR_REPLY_PORT_DEFAULT;
     dhcp_zebra_relay_teardown = dhcpr_if_teardown;
 }
@@ -652,10 +656,52 @@ int dhcpr_recv_server(thread *t) {
     return 0;
 }
 
-int dhcpr_recv_netlink(thread *t) {
-    const int fd = THREAD_FD(t);
+namespace {
+
+// Under load the trapped frames are read on a tick instead of a wake-up per
+// frame or two: a wake-up that found frames parks the read task and arms
+// the tick; each tick reads what came meanwhile (at most kTickReads reads,
+// so timers and the CLI keep their turn), and the first tick that finds
+// nothing arms the read task again. Frames are relayed at most a tick
+// later, in the order they came.
+constexpr long kTrapTickMs = 1;
+constexpr int kTickReads = 8;
+
+// Frames read from the channel by one hal_recv call.
+std::uint64_t read_trapped(int fd) {
+    const std::uint64_t before = hal_trap_counters_get().read;
     if (hal_recv(fd, dhcpr_netlink_msg) != 0) {
         zlog_warn("hal_recv dhcpr_netlink_msg fail!");
+    }
+    return hal_trap_counters_get().read - before;
+}
+
+int dhcpr_trap_tick(thread *) {
+    trap_tick = nullptr;
+    std::uint64_t total = 0;
+    for (int i = 0; i < kTickReads; i++) {
+        const std::uint64_t n = read_trapped(dhcpr_state.netlink_fd);
+        total += n;
+        if (n < static_cast<std::uint64_t>(HAL_RECV_BATCH_MAX)) {
+            break;
+        }
+    }
+    if (total == 0) {
+        dhcpr_state.netlink_read = thread_add_read_repeat(relay_master, dhcpr_recv_netlink, nullptr,
+                                                          dhcpr_state.netlink_fd);
+    } else {
+        trap_tick = thread_add_timer_msec(relay_master, dhcpr_trap_tick, nullptr, kTrapTickMs);
+    }
+    return 0;
+}
+
+}  // namespace
+
+int dhcpr_recv_netlink(thread *t) {
+    if (read_trapped(THREAD_FD(t)) > 0 && t == dhcpr_state.netlink_read) {
+        thread_cancel(t);  // ends when this callback returns
+        dhcpr_state.netlink_read = nullptr;
+        trap_tick = thread_add_timer_msec(relay_master, dhcpr_trap_tick, nullptr, kTrapTickMs);
     }
     return 0;
 }
