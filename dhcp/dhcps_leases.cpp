@@ -368,6 +368,55 @@ class lease_table {
         nodes_.erase(&n->rec);
     }
 
+    // The one record holding `mac` and `nip` when no other record holds
+    // either: a client's own record, met again at each of its requests.
+    lease_node *sole_holder(const std::uint8_t *mac, std::uint32_t nip) const {
+        const std::uint64_t k = mac != nullptr ? mac_key(mac) : 0;
+        if (k == 0 || nip == 0) {
+            return nullptr;
+        }
+        const auto *by_mac = mac_heads_.find(k);
+        const auto *by_nip = nip_heads_.find(nip);
+        if (by_mac == nullptr || by_nip == nullptr || by_mac->head != by_nip->head) {
+            return nullptr;
+        }
+        lease_node *n = by_mac->head;
+        return (n->mac_chain.next == nullptr && n->nip_chain.next == nullptr) ? n : nullptr;
+    }
+
+    // Erasing the sole holder of its MAC and address and creating a record
+    // of the same two with `expires` in one step: the record is zeroed but
+    // for those, and moves to where create() puts a new one, with the uid
+    // and priority create() would have drawn; its memory, its index slots and
+    // its address's bit stay. False (nothing changed) when out of memory.
+    bool renew(lease_node *n, std::int32_t expires) noexcept {
+        const std::uint64_t uid = uid_ + 1;
+        try {
+            expiry_.insert({expires, uid});
+        } catch (...) {
+            return false;
+        }
+        uid_ = uid;
+        expiry_.erase({n->exp_idx, n->uid});
+        n->uid = uid;
+        n->prio = splitmix64(prio_state_);
+        unlink_tree(n);
+        (n->prev ? n->prev->next : head_) = n->next;
+        (n->next ? n->next->prev : tail_) = n->prev;
+        n->prev = n->next = nullptr;
+        const dhcps_lease kept = n->rec;
+        n->rec = dhcps_lease{};
+        std::memcpy(n->rec.mac, kept.mac, sizeof kept.mac);
+        std::memcpy(n->rec.nip, kept.nip, sizeof kept.nip);
+        store_be32(n->rec.expires, static_cast<std::uint32_t>(expires));
+        n->exp_idx = expires;
+        pull(n);
+        link_before(first_with_mac(), n);
+        refresh_head(mac_heads_, &lease_node::mac_chain, n, n->mac_idx);
+        refresh_head(nip_heads_, &lease_node::nip_chain, n, n->nip_idx);
+        return true;
+    }
+
     void set_mac(lease_node *n, const std::uint8_t *mac) noexcept {
         chain_unlink(mac_heads_, &lease_node::mac_chain, n, n->mac_idx);
         std::memcpy(n->rec.mac, mac, 6);
@@ -899,6 +948,19 @@ std::string dir_of(const std::string &path) {
     return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+// The rest of a new record: state, lease time and the client's name, with
+// control characters and, read as signed, every byte above 127 as '^'.
+dhcps_lease *fill_lease(dhcps_lease *lease, std::uint32_t state, std::uint32_t lease_time,
+                        const char *name, std::size_t name_len) {
+    store_be32(lease->state, state);
+    store_be32(lease->lease_time, lease_time);
+    for (std::size_t i = 0; i < name_len; ++i) {
+        const auto c = static_cast<signed char>(name[i]);
+        lease->hostname[i] = (c < 32 || c == 127) ? '^' : name[i];
+    }
+    return lease;
+}
+
 // A missing record reads as all zero and takes no change.
 bool missing(const void *p) {
     if (p == nullptr) {
@@ -985,6 +1047,16 @@ dhcps_lease *dhcps_add_lease(const std::uint8_t *mac, std::uint32_t nip, std::ui
         std::memcpy(name, hostname, name_len);
     }
 
+    // The client's own record, alone with its MAC and address: renewed in
+    // place, which is the clearing and creation below in one step. Not when
+    // the table is near its maximum, where the checks below decide.
+    lease_table &t = table();
+    lease_node *n = t.sole_holder(mac, nip);
+    if (n != nullptr && (check_max != 1 || t.size() - 1 < dhcps_global.max_lease_num) &&
+        t.renew(n, expires)) {
+        return fill_lease(&n->rec, state, lease_time, name, name_len);
+    }
+
     dhcps_clear_leases(mac, nip);
 
     if (check_max == 1) {
@@ -1003,21 +1075,12 @@ dhcps_lease *dhcps_add_lease(const std::uint8_t *mac, std::uint32_t nip, std::ui
         }
     }
 
-    lease_node *n = new_node(mac, nip, expires);
+    n = new_node(mac, nip, expires);
     if (n == nullptr) {
         zlog_err("dhcps_leases_new return NULL!\n");
         return nullptr;
     }
-    dhcps_lease *lease = &n->rec;
-    store_be32(lease->state, state);
-    store_be32(lease->lease_time, lease_time);
-
-    // Control characters and, read as signed, every byte above 127.
-    for (std::size_t i = 0; i < name_len; ++i) {
-        const auto c = static_cast<signed char>(name[i]);
-        lease->hostname[i] = (c < 32 || c == 127) ? '^' : name[i];
-    }
-    return lease;
+    return fill_lease(&n->rec, state, lease_time, name, name_len);
 }
 
 void dhcps_lease_free(dhcps_lease *lease) {

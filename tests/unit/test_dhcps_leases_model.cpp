@@ -251,8 +251,14 @@ TEST_P(LeaseModel, AgreesWithTheListStepByStep) {
         const std::vector<dhcps_lease *> w = walk();
         const int kind = pick(100);
         if (kind < 35) {  // a client's lease
-            const auto mac = pick(20) == 0 ? zero : mac_of(1 + pick(p.macs));
-            const std::uint32_t nip = pick(30) == 0 ? 0 : nip_of(1 + pick(p.nips));
+            auto mac = pick(20) == 0 ? zero : mac_of(1 + pick(p.macs));
+            std::uint32_t nip = pick(30) == 0 ? 0 : nip_of(1 + pick(p.nips));
+            if (!w.empty() && pick(3) == 0) {  // a client back with its own MAC and address
+                const dhcps_lease *r =
+                    w[static_cast<std::size_t>(pick(static_cast<int>(w.size())))];
+                std::memcpy(mac.data(), r->mac, 6);
+                std::memcpy(&nip, r->nip, 4);
+            }
             const std::int32_t exp = m.now + pick(120) - 40;
             const std::uint32_t state = static_cast<std::uint32_t>(pick(2));
             const int check = pick(5) == 0 ? 0 : 1;
