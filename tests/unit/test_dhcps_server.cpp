@@ -959,6 +959,43 @@ int relay_drain_task(thread *t) {
     return 0;
 }
 
+// The server afresh on `m` (pools, leases, settings), serving 10.9.0.0/24 on
+// vlanif9, and a client socket aimed at its port 67 in the private network.
+struct Lan9 {
+    dhcp_unique_fd client{::socket(AF_INET, SOCK_DGRAM, 0)};
+    sockaddr_in server{};
+
+    Lan9(Server &fixture, thread_master *m) {
+        dhcps_init(m);
+        dhcps_lease_list_free();
+        dhcps_lease_list_init();
+        interface *lan = if_get_by_name("vlanif9");
+        lan->ifindex = 9;
+        prefix a{};
+        str2prefix("10.9.0.1/24", &a);
+        connected_add(lan, 0, &a, nullptr);
+        fixture.make_pool("n9", "10.9.0.1", "10.9.0.0/24", "10.9.0.50", "10.9.0.60");
+        server.sin_family = AF_INET;
+        server.sin_port = htons(67);
+        server.sin_addr.s_addr = nip("10.9.0.1");
+    }
+
+    // Client i (MAC 02:00:00:00:09:i) holds 10.9.0.(50 + i) and renews it
+    // by unicast; sent to a local address, the request waits on port 67
+    // before sendto returns.
+    void renew(std::uint8_t i) const {
+        const std::uint8_t mac[6] = {0x02, 0, 0, 0, 9, i};
+        const std::uint32_t addr = htonl(ntohl(nip("10.9.0.50")) + i);
+        ASSERT_NE(dhcps_add_lease(mac, addr, 100, Server::now + 100, nullptr, 0, 1, 0), nullptr);
+        Request r(DHCPREQUEST, i);
+        r.p.chaddr[4] = 9;
+        r.p.ciaddr = addr;
+        ASSERT_EQ(::sendto(client.get(), &r.p, sizeof r.p, 0,
+                           reinterpret_cast<const sockaddr *>(&server), sizeof server),
+                  static_cast<ssize_t>(sizeof r.p));
+    }
+};
+
 // A client renewing by unicast while the relay holds port 67 too, whichever
 // role came first: the server reads every request and acknowledges it.
 TEST_F(Server, UnicastRenewalsReachTheServerWhileTheRelayDrainsPort67) {
@@ -967,22 +1004,8 @@ TEST_F(Server, UnicastRenewalsReachTheServerWhileTheRelayDrainsPort67) {
     }
     thread_master *m = thread_master_create();
     relay_master = m;
-    dhcps_init(m);  // starts the server afresh: pools, leases, settings
-    dhcps_lease_list_free();
-    dhcps_lease_list_init();
-    interface *lan = if_get_by_name("vlanif9");
-    lan->ifindex = 9;
-    prefix a{};
-    str2prefix("10.9.0.1/24", &a);
-    connected_add(lan, 0, &a, nullptr);
-    make_pool("n9", "10.9.0.1", "10.9.0.0/24", "10.9.0.50", "10.9.0.60");
-
-    dhcp_unique_fd client(::socket(AF_INET, SOCK_DGRAM, 0));
-    ASSERT_TRUE(client);
-    sockaddr_in server{};
-    server.sin_family = AF_INET;
-    server.sin_port = htons(67);
-    server.sin_addr.s_addr = nip("10.9.0.1");
+    Lan9 lan(*this, m);
+    ASSERT_TRUE(lan.client);
 
     for (const bool relay_first : {true, false}) {
         SCOPED_TRACE(relay_first ? "relay first" : "server first");
@@ -1004,15 +1027,7 @@ TEST_F(Server, UnicastRenewalsReachTheServerWhileTheRelayDrainsPort67) {
         sent.clear();
         relay_drains = 0;
         for (std::uint8_t i = 0; i < 4; i++) {
-            const std::uint8_t mac[6] = {0x02, 0, 0, 0, 9, i};
-            const std::uint32_t addr = htonl(ntohl(nip("10.9.0.50")) + i);
-            ASSERT_NE(dhcps_add_lease(mac, addr, 100, now + 100, nullptr, 0, 1, 0), nullptr);
-            Request renew(DHCPREQUEST, i);
-            renew.p.chaddr[4] = 9;
-            renew.p.ciaddr = addr;
-            ASSERT_EQ(::sendto(client.get(), &renew.p, sizeof renew.p, 0,
-                               reinterpret_cast<const sockaddr *>(&server), sizeof server),
-                      static_cast<ssize_t>(sizeof renew.p));
+            ASSERT_NO_FATAL_FAILURE(lan.renew(i));
         }
         // The bound on turns only ends a wait that failed.
         for (int turn = 0; turn < 50 && sent.size() < 4; turn++) {
@@ -1046,33 +1061,9 @@ TEST_F(Server, UnderLoadPort67IsReadOnATick) {
         GTEST_SKIP() << private_net();
     }
     thread_master *m = thread_master_create();
-    dhcps_init(m);
-    dhcps_lease_list_free();
-    dhcps_lease_list_init();
-    interface *lan = if_get_by_name("vlanif9");
-    lan->ifindex = 9;
-    prefix a{};
-    str2prefix("10.9.0.1/24", &a);
-    connected_add(lan, 0, &a, nullptr);
-    make_pool("n9", "10.9.0.1", "10.9.0.0/24", "10.9.0.50", "10.9.0.60");
-    dhcp_unique_fd client(::socket(AF_INET, SOCK_DGRAM, 0));
-    ASSERT_TRUE(client);
-    sockaddr_in server{};
-    server.sin_family = AF_INET;
-    server.sin_port = htons(67);
-    server.sin_addr.s_addr = nip("10.9.0.1");
-    // Sent to a local address: queued on port 67 before sendto returns.
-    auto renew = [&](std::uint8_t i) {
-        const std::uint8_t mac[6] = {0x02, 0, 0, 0, 9, i};
-        const std::uint32_t addr = htonl(ntohl(nip("10.9.0.50")) + i);
-        ASSERT_NE(dhcps_add_lease(mac, addr, 100, now + 100, nullptr, 0, 1, 0), nullptr);
-        Request r(DHCPREQUEST, i);
-        r.p.chaddr[4] = 9;
-        r.p.ciaddr = addr;
-        ASSERT_EQ(::sendto(client.get(), &r.p, sizeof r.p, 0,
-                           reinterpret_cast<const sockaddr *>(&server), sizeof server),
-                  static_cast<ssize_t>(sizeof r.p));
-    };
+    Lan9 lan(*this, m);
+    ASSERT_TRUE(lan.client);
+    auto renew = [&](std::uint8_t i) { ASSERT_NO_FATAL_FAILURE(lan.renew(i)); };
     auto acked = [&](std::size_t n) {
         std::vector<std::string> out;
         for (std::size_t i = 0; i < n && i < sent.size(); i++) {
