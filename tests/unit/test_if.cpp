@@ -3,6 +3,7 @@
 #include <net/if.h>
 
 #include <string>
+#include <utility>
 
 #include "lib/if.h"
 
@@ -21,6 +22,15 @@ struct IfTable : ::testing::Test {
         return p;
     }
     static in_addr addr(const char *text) { return pfx(text).u.prefix4; }
+    // vlanif10 with 10.0.0.1/8 and vlanif20 with 10.1.0.1/16.
+    static std::pair<interface *, interface *> two_networks() {
+        interface *a = if_get_by_name("vlanif10");
+        interface *b = if_get_by_name("vlanif20");
+        prefix pa = pfx("10.0.0.1/8"), pb = pfx("10.1.0.1/16");
+        connected_add(a, 0, &pa, nullptr);
+        connected_add(b, 0, &pb, nullptr);
+        return {a, b};
+    }
 };
 
 TEST_F(IfTable, CreatedByNameBeforeTheKernelKnowsIt) {
@@ -50,11 +60,7 @@ TEST_F(IfTable, UpFlag) {
 }
 
 TEST_F(IfTable, LookupAddressPrefersExactThenLongestNetwork) {
-    interface *a = if_get_by_name("vlanif10");
-    interface *b = if_get_by_name("vlanif20");
-    prefix pa = pfx("10.0.0.1/8"), pb = pfx("10.1.0.1/16");
-    connected_add(a, 0, &pa, nullptr);
-    connected_add(b, 0, &pb, nullptr);
+    auto [a, b] = two_networks();
     EXPECT_EQ(if_lookup_address(addr("10.0.0.1")), a);  // exact
     EXPECT_EQ(if_lookup_address(addr("10.1.0.1")), b);  // exact
     EXPECT_EQ(if_lookup_address(addr("10.1.2.3")), b);  // /16 beats /8
@@ -63,11 +69,7 @@ TEST_F(IfTable, LookupAddressPrefersExactThenLongestNetwork) {
 }
 
 TEST_F(IfTable, ExactAddressLookupAndHandleCheck) {
-    interface *a = if_get_by_name("vlanif10");
-    interface *b = if_get_by_name("vlanif20");
-    prefix pa = pfx("10.0.0.1/8"), pb = pfx("10.1.0.1/16");
-    connected_add(a, 0, &pa, nullptr);
-    connected_add(b, 0, &pb, nullptr);
+    auto [a, b] = two_networks();
     EXPECT_EQ(if_lookup_exact_address(addr("10.0.0.1")), a);
     EXPECT_EQ(if_lookup_exact_address(addr("10.1.0.1")), b);
     EXPECT_EQ(if_lookup_exact_address(addr("10.1.2.3")), nullptr);  // only in a network
