@@ -231,6 +231,13 @@ std::size_t allow_count() {
     return allow_total;
 }
 
+void allow_count_recount() {
+    allow_total = 0;
+    for (const auto &p : pools) {
+        allow_total += p->allow_circuit_ids.size();
+    }
+}
+
 int dhcps_parse_option82(const std::uint8_t *data, int len, dhcp_option82 *out) {
     if (data == nullptr || len < 1 || out == nullptr) {
         return -4;

@@ -100,6 +100,9 @@ int allow_add(std::vector<std::string> *list, const char *text);
 int allow_delete(std::vector<std::string> *list, const char *text);
 int allow_match(const std::vector<std::string> *list, const std::uint8_t *id, int id_len);
 std::size_t allow_count();
+// Tests and fuzzers: sets the count to the entries the pools hold now, as
+// in a process that never deleted a pool.
+void allow_count_recount();
 
 int dhcps_parse_option82(const std::uint8_t *data, int len, dhcp_option82 *out);
 

@@ -121,6 +121,10 @@ void fresh() {
         }
     }
     dhcps_pool_list_free();
+    // A deleted pool's circuit ids stay counted in the process (kept so):
+    // each input starts from a fresh process's counts.
+    allow_count_recount();
+    dhcps_static_count_recount();
     dhcps_settings_init();
     dhcps_lease_list_init();
     cmd_terminate();

@@ -124,8 +124,10 @@ void clear_state() {
         }
     }
     dhcps_pool_list_free();
-    // Deleted pools keep their static bindings counted; start from none.
+    // Deleted pools keep their static bindings and circuit ids counted;
+    // start from none.
     dhcps_static_count_recount();
+    allow_count_recount();
     dhcps_settings_init();
     dhcps_lease_list_free();
     dhcps_lease_list_init();

@@ -332,6 +332,15 @@ TEST_F(Pools, DeletedPoolKeepsItsCircuitIdsCounted) {
     dhcps_delete_a_pool(p);
     EXPECT_EQ(dhcps_lookup_by_name("p"), nullptr);
     EXPECT_EQ(allow_count(), base + 10);  // 246 more fit where 256 did
+    // What a fresh process counts: the fuzz targets start each input so
+    // (the seed cli/regress-deleted-pool-keeps-circuit-ids-counted).
+    dhcps_pool *q = dhcps_pool_get("q");
+    ASSERT_EQ(allow_add(&q->allow_circuit_ids, "kept"), 0);
+    allow_count_recount();
+    EXPECT_EQ(allow_count(), 1u);
+    allow_delete(&q->allow_circuit_ids, "kept");
+    EXPECT_EQ(allow_count(), 0u);
+    dhcps_delete_a_pool(q);
 }
 
 TEST_F(Pools, DeletingAPoolFreesTheLeasesOfItsRange) {
