@@ -659,13 +659,13 @@ int dhcpr_recv_server(thread *t) {
 namespace {
 
 // Under load the trapped frames are read on a tick instead of a wake-up per
-// frame or two: a wake-up that found frames parks the read task and arms
-// the tick; each tick reads what came meanwhile (at most kTickReads reads,
-// so timers and the CLI keep their turn), and the first tick that finds
-// nothing arms the read task again. Frames are relayed at most a tick
+// frame or two. A wake-up that found a few frames parks the read task and
+// arms the tick; each tick reads once what came meanwhile, and a tick that
+// finds nothing, or a full read, arms the read task again: full reads mean
+// the wake-ups come full anyway, and a tick that read more would forward in
+// bursts the links' queues may not hold. Frames are relayed at most a tick
 // later, in the order they came.
 constexpr long kTrapTickMs = 1;
-constexpr int kTickReads = 8;
 
 // Frames read from the channel by one hal_recv call.
 std::uint64_t read_trapped(int fd) {
@@ -676,21 +676,18 @@ std::uint64_t read_trapped(int fd) {
     return hal_trap_counters_get().read - before;
 }
 
+// A few frames, neither none nor a full read: worth waiting a tick for more.
+bool few_frames(std::uint64_t n) {
+    return n > 0 && n < static_cast<std::uint64_t>(HAL_RECV_BATCH_MAX);
+}
+
 int dhcpr_trap_tick(thread *) {
     trap_tick = nullptr;
-    std::uint64_t total = 0;
-    for (int i = 0; i < kTickReads; i++) {
-        const std::uint64_t n = read_trapped(dhcpr_state.netlink_fd);
-        total += n;
-        if (n < static_cast<std::uint64_t>(HAL_RECV_BATCH_MAX)) {
-            break;
-        }
-    }
-    if (total == 0) {
+    if (few_frames(read_trapped(dhcpr_state.netlink_fd))) {
+        trap_tick = thread_add_timer_msec(relay_master, dhcpr_trap_tick, nullptr, kTrapTickMs);
+    } else {
         dhcpr_state.netlink_read = thread_add_read_repeat(relay_master, dhcpr_recv_netlink, nullptr,
                                                           dhcpr_state.netlink_fd);
-    } else {
-        trap_tick = thread_add_timer_msec(relay_master, dhcpr_trap_tick, nullptr, kTrapTickMs);
     }
     return 0;
 }
@@ -698,7 +695,7 @@ int dhcpr_trap_tick(thread *) {
 }  // namespace
 
 int dhcpr_recv_netlink(thread *t) {
-    if (read_trapped(THREAD_FD(t)) > 0 && t == dhcpr_state.netlink_read) {
+    if (few_frames(read_trapped(THREAD_FD(t))) && t == dhcpr_state.netlink_read) {
         thread_cancel(t);  // ends when this callback returns
         dhcpr_state.netlink_read = nullptr;
         trap_tick = thread_add_timer_msec(relay_master, dhcpr_trap_tick, nullptr, kTrapTickMs);

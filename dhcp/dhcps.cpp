@@ -77,15 +77,15 @@ int dhcps_recv_batch(int sock) {
 }
 
 // Under load the socket is read on a tick instead of a wake-up per
-// datagram. A wake-up that found requests parks the read task and arms the
-// tick; each tick reads what came meanwhile (at most kTickBatches batches,
-// so timers and the CLI keep their turn), and the first tick that finds
-// nothing arms the read task again. Replies leave at most a tick later, in
-// arrival order, and a busy second costs about a thousand wake-ups instead
-// of two per exchange. While the relay drains the same socket it is woken
-// by every datagram anyway, so the server then stays on its read task.
+// datagram. A wake-up that found a few requests parks the read task and
+// arms the tick; each tick reads one batch of what came meanwhile, and a
+// tick that finds nothing, or a full batch, arms the read task again: a full
+// batch means the wake-ups come full anyway, and a tick that read more would
+// send its replies in bursts the link's queue may not hold. Replies leave at
+// most a tick later, in arrival order. While the relay drains the same
+// socket it is woken by every datagram anyway, so the server then stays on
+// its read task.
 constexpr long kPollTickMs = 1;
-constexpr int kTickBatches = 8;
 thread *poll_tick = nullptr;
 
 int dhcps_poll_tick(thread *t);
@@ -104,19 +104,16 @@ void arm_tick() {
     poll_tick = thread_add_timer_msec(server_master, dhcps_poll_tick, nullptr, kPollTickMs);
 }
 
+// A few requests, neither none nor a full batch: worth waiting a tick for more.
+bool few(int n) {
+    return n > 0 && n < static_cast<int>(DHCP_RECV_BATCH) && may_park();
+}
+
 int dhcps_poll_tick(thread *) {
-    int total = 0;
-    for (int i = 0; i < kTickBatches; i++) {
-        const int n = dhcps_recv_batch(dhcps_global.sock);
-        total += n;
-        if (n < static_cast<int>(DHCP_RECV_BATCH)) {
-            break;
-        }
-    }
-    if (total == 0 || !may_park()) {
-        arm_reader();
-    } else {
+    if (few(dhcps_recv_batch(dhcps_global.sock))) {
         arm_tick();
+    } else {
+        arm_reader();
     }
     return 0;
 }
@@ -124,7 +121,7 @@ int dhcps_poll_tick(thread *) {
 }  // namespace
 
 int dhcps_recv(thread *t) {
-    if (dhcps_recv_batch(THREAD_FD(t)) > 0 && may_park() && t == dhcps_global.recv_thread) {
+    if (few(dhcps_recv_batch(THREAD_FD(t))) && t == dhcps_global.recv_thread) {
         thread_cancel(t);  // ends when this callback returns
         dhcps_global.recv_thread = nullptr;
         arm_tick();
